@@ -1,0 +1,38 @@
+# Settings that every target shares: build type, warnings, sanitizers.
+
+get_property(multi_config GLOBAL PROPERTY GENERATOR_IS_MULTI_CONFIG)
+if(NOT CMAKE_BUILD_TYPE AND NOT multi_config)
+  set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Debug, RelWithDebInfo, Release or MinSizeRel" FORCE)
+endif()
+
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+option(OSKERNEL_WERROR "Treat warnings in this project as errors" ${PROJECT_IS_TOP_LEVEL})
+option(OSKERNEL_ASSERTS "Keep assert() in RelWithDebInfo builds; Release never has it, Debug always" ON)
+set(OSKERNEL_SANITIZE "" CACHE STRING "Sanitizers of the whole build: address,undefined or thread")
+
+set(OSKERNEL_WARNINGS -Wall -Wextra -Wpedantic -Wshadow)
+if(OSKERNEL_WERROR)
+  list(APPEND OSKERNEL_WARNINGS -Werror)
+endif()
+
+if(OSKERNEL_ASSERTS)
+  add_compile_options($<$<CONFIG:RelWithDebInfo>:-UNDEBUG>)
+endif()
+
+if(OSKERNEL_SANITIZE)
+  if(NOT OSKERNEL_SANITIZE MATCHES "^(address|undefined|address,undefined|thread)$")
+    message(FATAL_ERROR "OSKERNEL_SANITIZE is '${OSKERNEL_SANITIZE}': "
+                        "say address,undefined or address or undefined or thread")
+  endif()
+  add_compile_options(-fsanitize=${OSKERNEL_SANITIZE} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${OSKERNEL_SANITIZE})
+  if(OSKERNEL_SANITIZE MATCHES "undefined")
+    # Without this a finding is one line in the log of a test that passes.
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+else()
+  # A shared library normally links with symbols missing and fails at the first program that uses it. (The
+  # sanitizers' own symbols come with the program, so their builds cannot ask for this.)
+  set(OSKERNEL_LINK_CHECK)  # -Wl,-z,defs
+endif()

@@ -1,0 +1,88 @@
+# What ./run, ./test and .ci/run share: the package lists and the way they install, configure and build.
+# Sourced by them, never run. Expects ROOT to name the checkout.
+# shellcheck shell=bash
+
+# Debian packages. googletest's headers and archives come with libgtest-dev and libgmock-dev.
+PACKAGES_BUILD=(g++ cmake ninja-build)
+PACKAGES_TEST=(libgtest-dev libgmock-dev)
+PACKAGES_EXAMPLES=(libcli11-dev nlohmann-json3-dev libfmt-dev libcsv-dev libboost-dev)
+PACKAGES_BENCH=(libbenchmark-dev libboost-dev libuv1-dev libevent-dev)
+PACKAGES_CHECK=(git clang-format clang-tidy python3)
+
+say() { printf '%s\n' "$*"; }
+fail() {
+  printf '%s: %s\n' "${0##*/}" "$*" >&2
+  exit 1
+}
+
+# A whole script run through sudo would leave a build directory that its user cannot use afterwards.
+give_build_back() {
+  if ((EUID == 0)) && [[ -n "${SUDO_UID:-}" && -d "$ROOT/build" && $(stat -c %u "$ROOT") == "$SUDO_UID" ]]; then
+    chown -R "$SUDO_UID:${SUDO_GID:-$SUDO_UID}" "$ROOT/build"
+  fi
+}
+trap give_build_back EXIT
+
+package_installed() {
+  [[ "$(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null)" == installed ]]
+}
+
+# need_packages NAME...: installs those that are missing. Touches neither network nor package database when
+# none is.
+need_packages() {
+  if [[ "${OSKERNEL_NO_INSTALL:-0}" == 1 ]]; then return 0; fi
+  if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
+    say "This system has no apt-get. Install what these Debian packages hold, then start again with"
+    say "OSKERNEL_NO_INSTALL=1 in the environment: $*"
+    exit 1
+  fi
+  local missing=() name
+  for name in "$@"; do
+    package_installed "$name" || missing+=("$name")
+  done
+  if ((${#missing[@]} == 0)); then return 0; fi
+
+  local as_root=()
+  if ((EUID != 0)); then
+    command -v sudo >/dev/null ||
+      fail "these packages are missing and there is no sudo: as root, run  apt-get install ${missing[*]}"
+    as_root=(sudo)
+    say "Installing with sudo apt-get (only that runs as root): ${missing[*]}"
+  else
+    say "Installing with apt-get: ${missing[*]}"
+  fi
+  local options=(-qq -o DPkg::Lock::Timeout=300 -o Dpkg::Use-Pty=0)
+  say "  reading the package lists ..."
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get "${options[@]}" update ||
+    fail "apt-get update failed: is there a network?"
+  say "  downloading and unpacking ..."
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get "${options[@]}" \
+    install -y --no-install-recommends "${missing[@]}" >/dev/null ||
+    fail "apt-get could not install: ${missing[*]}"
+  say "  installed."
+}
+
+# configure_and_build DIRECTORY CMAKE_ARGUMENT...: DIRECTORY lies under build/ and belongs to the caller.
+configure_and_build() {
+  local directory=$1 log=$1/configure.log generator=()
+  shift
+  mkdir -p "$directory" 2>/dev/null && [[ -w "$directory" ]] ||
+    fail "cannot write to ${directory#"$ROOT"/}: a run as another user (root?) made it; remove it or run as that user"
+  # A checkout that was moved or copied brings a cache with the paths of its old place.
+  if [[ -f "$directory/CMakeCache.txt" ]] &&
+    ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$ROOT" "$directory/CMakeCache.txt"; then
+    say "The checkout has moved: starting ${directory#"$ROOT"/} anew."
+    rm -rf "$directory"
+    mkdir -p "$directory"
+  fi
+  if [[ ! -f "$directory/CMakeCache.txt" ]] && command -v ninja >/dev/null; then generator=(-G Ninja); fi
+  if ! cmake -S "$ROOT" -B "$directory" "${generator[@]}" "$@" >"$log" 2>&1; then
+    cat "$log" >&2
+    say "cmake could not configure the build; its words stand above and in ${log#"$ROOT"/}." >&2
+    return 1
+  fi
+  if ! cmake --build "$directory" --parallel "$(nproc)"; then
+    say "The build failed; the first error stands above." >&2
+    return 1
+  fi
+}
