@@ -1,0 +1,53 @@
+/// What the kernel's sources share about sections; not installed.
+#ifndef OSKERNEL_POSIXKERNEL_PRIV_H
+#define OSKERNEL_POSIXKERNEL_PRIV_H
+
+#include "posixkernel.h"
+
+/// Storage whose contents are never destroyed. A process may end by exit() while kernel threads still run; a
+/// section destroyed under them would turn a clean exit into a crash.
+union NeverDestroyedSection {
+  constexpr NeverDestroyedSection() : section() {}
+  // Trivial on purpose; `= default` would be deleted because the member has a destructor.
+  ~NeverDestroyedSection() {}  // NOLINT(modernize-use-equals-default)
+  CRITICAL_SECTION section;
+};
+
+/// Defines one of the kernel's global sections, declared `extern CRITICAL_SECTION name` in a public header.
+/// The public name is a second symbol for storage that outlives every thread.
+#define OSKERNEL_SECTION(name)                                          \
+  extern "C" {                                                          \
+  __attribute__((used)) constinit NeverDestroyedSection name##_storage; \
+  }                                                                     \
+  extern CRITICAL_SECTION name __attribute__((alias(#name "_storage")))
+
+/// Creates the section's semaphore unless it has one: a start after a stop finds the section as it left it.
+inline void init_section(CRITICAL_SECTION* section) {
+  if (section->sem == nullptr) InitializeCriticalSection(section);
+}
+
+/// Holds a section for a scope. leave() and enter() open a window inside the scope.
+class SectionLock {
+ public:
+  explicit SectionLock(CRITICAL_SECTION* section) : section_(section) { enter(); }
+  ~SectionLock() {
+    if (held_) LeaveCriticalSection(section_);
+  }
+  SectionLock(const SectionLock&) = delete;
+  SectionLock& operator=(const SectionLock&) = delete;
+
+  void enter() {
+    EnterCriticalSection(section_);
+    held_ = true;
+  }
+  void leave() {
+    held_ = false;
+    LeaveCriticalSection(section_);
+  }
+
+ private:
+  CRITICAL_SECTION* section_;
+  bool held_ = false;
+};
+
+#endif
