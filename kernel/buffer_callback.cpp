@@ -1,0 +1,267 @@
+// The pool of callbacks, the rings that hold them and the records that list them.
+#include "buffer_callback.h"
+
+#include <atomic>
+#include <new>
+
+#include "console.h"
+#include "kernel.h"
+#include "posixkernel_priv.h"
+
+OSKERNEL_SECTION(OS_CRITICAL_CALLBACKS);
+
+// Threads that still run while the process ends may free a callback.
+constinit OSLinkHead OSCallback::callback_pool{OSStaticList()};
+ULONG OSCallback::callback_pool_size = 0;
+
+namespace {
+
+UBYTE* callback_mem = nullptr;        // the block that holds all pooled callbacks
+UBYTE* callback_mem_end = nullptr;    // the end of it
+UBYTE* callback_mem_alloc = nullptr;  // the next free byte in it
+char callback_use_mem = 0;            // true only while Initialise carves callbacks from the block
+
+bool in_block(const void* storage) {
+  const auto where = reinterpret_cast<std::uintptr_t>(storage);
+  return where >= reinterpret_cast<std::uintptr_t>(callback_mem) &&
+         where < reinterpret_cast<std::uintptr_t>(callback_mem_end);
+}
+
+// A ring holds callbacks as themselves; null at its end.
+OSCallback* first_of(OSLink* ring) { return static_cast<OSCallback*>(ring->FirstObject()); }
+
+}  // namespace
+
+// ---- The pool ----------------------------------------------------------------------------------------------
+
+struct OSCallback::Pool {
+  static OSCallback* newest;  // the callbacks of the block, each leading to the one made before it
+
+  static void count(ULONG size) {
+    std::atomic_ref<ULONG>(callback_pool_size).store(size, std::memory_order_relaxed);
+  }
+
+  static void put_locked(OSCallback* callback) {
+    callback_pool.Insert(callback, callback);
+    callback->free_ = true;
+    count(callback_pool_size + 1);
+  }
+
+  static OSCallback* take_locked() {
+    OSCallback* callback = first_of(&callback_pool);
+    if (callback == nullptr) return nullptr;
+    callback->OSLink::Remove();
+    callback->free_ = false;
+    count(callback_pool_size - 1);
+    return callback;
+  }
+};
+
+OSCallback* OSCallback::Pool::newest = nullptr;
+
+void OSCallback::Initialise() {
+  // A second start without a stop would lose the first block.
+  if (callback_mem != nullptr) UnInitialise();
+
+  init_section(&OS_CRITICAL_CALLBACKS);
+  const std::size_t quantity =
+      KERNELCFG->callback_qty > 0 ? static_cast<std::size_t>(KERNELCFG->callback_qty) : 0;
+  if (quantity == 0) return;
+  std::size_t bytes = 0;
+  if (__builtin_mul_overflow(quantity, sizeof(OSCallback), &bytes)) return;
+  callback_mem = static_cast<UBYTE*>(::operator new(bytes, std::nothrow));
+  if (callback_mem == nullptr) return;
+
+  callback_mem_alloc = callback_mem;
+  callback_mem_end = callback_mem + bytes;
+  callback_use_mem = 1;
+  const SectionLock lock(&OS_CRITICAL_CALLBACKS);
+  for (std::size_t i = 0; i < quantity; ++i) {
+    auto* callback = new OSCallback;
+    if (callback == nullptr) break;
+    callback->made_next_ = Pool::newest;
+    Pool::newest = callback;
+    Pool::put_locked(callback);
+  }
+  callback_use_mem = 0;
+}
+
+void OSCallback::UnInitialise() {
+  if (callback_mem == nullptr) {
+    // No block was made: what is in the pool was given to it by Free.
+    while (OSCallback* callback = first_of(&callback_pool)) delete callback;
+    return;
+  }
+
+  // A record may outlive the pool; it must not keep links to callbacks that are gone. Rings are left alone: the
+  // head of a ring may be gone already, without having been emptied.
+  for (OSCallback* callback = Pool::newest; callback != nullptr; callback = callback->made_next_) {
+    OSLink* link = nullptr;
+    {
+      const SectionLock lock(&OS_CRITICAL_CALLBACKS);
+      link = callback->leave_record_locked();
+    }
+    if (link != nullptr) link->Free();
+  }
+
+  UBYTE* block = callback_mem;
+  {
+    const SectionLock lock(&OS_CRITICAL_CALLBACKS);
+    while (Pool::take_locked() != nullptr) {
+    }
+    Pool::newest = nullptr;
+    callback_mem = callback_mem_end = callback_mem_alloc = nullptr;
+  }
+  ::operator delete(block);
+}
+
+void* OSCallback::operator new(std::size_t size) noexcept {
+  if (callback_use_mem == 0) return ::operator new(size, std::nothrow);
+  if (size > static_cast<std::size_t>(callback_mem_end - callback_mem_alloc)) return nullptr;
+  UBYTE* storage = callback_mem_alloc;
+  callback_mem_alloc += size;
+  return storage;
+}
+
+void OSCallback::operator delete(void* storage) {
+  if (!in_block(storage)) ::operator delete(storage);
+}
+
+// ---- One callback ------------------------------------------------------------------------------------------
+
+OSCallback::OSCallback()
+    : callback_function(nullptr),
+      callback_record(nullptr),
+      object(nullptr),
+      addr(nullptr),
+      value(0),
+      record_link_(nullptr),
+      made_next_(nullptr),
+      uses_(0),
+      free_(false) {}
+
+OSCallback::~OSCallback() {
+  if (!free_ && callback_record == nullptr) return;
+  OSLink* link = nullptr;
+  {
+    const SectionLock lock(&OS_CRITICAL_CALLBACKS);
+    link = leave_record_locked();
+    if (free_) {
+      OSLink::Remove();
+      Pool::count(callback_pool_size - 1);
+    }
+  }
+  if (link != nullptr) link->Free();
+}
+
+OSCallback* OSCallback::Alloc(OSCallbackRecord* record, OSCallbackFunction function, OSObj* first,
+                              ADDR second, ULONG third) {
+  // The link is fetched before the section is entered: a link pool that runs dry reports it on the console,
+  // which must not happen inside a pool section.
+  OSLink* link = nullptr;
+  if (record != nullptr) {
+    link = OSLink::Alloc();
+    if (link == nullptr) return nullptr;
+  }
+
+  OSCallback* callback = nullptr;
+  {
+    const SectionLock lock(&OS_CRITICAL_CALLBACKS);
+    callback = Pool::take_locked();
+    if (callback != nullptr) {
+      callback->callback_function = function;
+      callback->object = first;
+      callback->addr = second;
+      callback->value = third;
+      callback->callback_record = record;
+      callback->record_link_ = link;
+      if (record != nullptr) record->OSLinkList::Append(link, callback);
+    }
+  }
+  if (callback == nullptr) {
+    if (link != nullptr) link->Free();
+    if (Console != nullptr) Console->Warning("OSCallback::Alloc Out Of Callbacks");
+  }
+  return callback;
+}
+
+void OSCallback::Free() {
+  OSLink* link = nullptr;
+  {
+    const SectionLock lock(&OS_CRITICAL_CALLBACKS);
+    if (free_) return;
+    link = leave_record_locked();
+    // A ring that kept a free callback would run it later and then take it out of the pool.
+    OSLink::Remove();
+    ++uses_;
+    Pool::put_locked(this);
+  }
+  if (link != nullptr) link->Free();
+}
+
+void OSCallback::Execute() {
+  if (callback_function != nullptr) callback_function(object, addr, value);
+}
+
+// Takes the callback out of its record. Returns the record's link, which is freed outside the section.
+OSLink* OSCallback::leave_record_locked() {
+  OSCallbackRecord* record = callback_record;
+  OSLink* link = record_link_;
+  callback_record = nullptr;
+  record_link_ = nullptr;
+  if (record == nullptr) return nullptr;
+  if (link != nullptr && link->object == static_cast<OSListObj*>(this)) {
+    record->OSLinkList::Remove(link);
+    return link;
+  }
+  // The program has flushed the record or has listed the callback itself.
+  record->OSIndirectList::Remove(this);
+  return nullptr;
+}
+
+// ---- Rings -------------------------------------------------------------------------------------------------
+
+void OSCallback::run_ring(OSLink* ring) {
+  while (OSCallback* callback = first_of(ring)) {
+    const ULONG uses = callback->uses_;
+    callback->Execute();
+    // The function may have freed this callback, directly or by cancelling its record; then it is no longer ours
+    // to touch. While it is still first in the ring it is, and an unchanged count of uses says that it has not
+    // come back for another purpose.
+    if (first_of(ring) != callback || callback->uses_ != uses) continue;
+    callback->OSLink::Remove();
+    callback->Free();
+  }
+}
+
+void OSCallback::drop_ring(OSLink* ring) {
+  while (OSCallback* callback = first_of(ring)) {
+    callback->OSLink::Remove();
+    callback->Free();
+  }
+}
+
+// ---- Records -----------------------------------------------------------------------------------------------
+
+OSCallbackRecord::~OSCallbackRecord() { CancelCallbacks(); }
+
+void OSCallbackRecord::CancelCallbacks() {
+  for (;;) {
+    OSCallback* callback = nullptr;
+    OSLink* link = nullptr;
+    {
+      const SectionLock lock(&OS_CRITICAL_CALLBACKS);
+      OSListObj* first = FirstObject();
+      if (first == nullptr) return;
+      callback = static_cast<OSCallback*>(first);
+      if (callback->callback_record == this) {
+        link = callback->leave_record_locked();
+      } else {
+        OSIndirectList::Remove(first);  // listed here by the program itself
+      }
+    }
+    if (link != nullptr) link->Free();
+    callback->OSLink::Remove();
+    callback->Free();
+  }
+}

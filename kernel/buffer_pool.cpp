@@ -1,0 +1,395 @@
+// Where message buffers come from and go back to.
+#include <cstring>
+#include <new>
+
+#include "buffer.h"
+#include "buffer_priv.h"
+#include "console.h"
+#include "kernel.h"
+#include "posixkernel_priv.h"
+
+OSKERNEL_SECTION(OS_CRITICAL_BUFFERS);
+
+// Threads that still run while the process ends may come for a buffer.
+OSLinkList OSBuf::buffer_pool[4] = {OSLinkList(OSStaticList()), OSLinkList(OSStaticList()),
+                                    OSLinkList(OSStaticList()), OSLinkList(OSStaticList())};
+int OSBuf::min_count[4] = {0, 0, 0, 0};
+OSIndirectList* OSBuf::allocated_list = nullptr;
+
+namespace {
+
+constexpr int kClasses = 4;
+
+// Objects and storage alternate in the block. Each starts where the strictest object may stand.
+constexpr std::size_t kAlignment = __STDCPP_DEFAULT_NEW_ALIGNMENT__;
+static_assert(alignof(OSBuf) <= kAlignment, "buffers are carved at this alignment");
+
+constexpr std::size_t round_up(std::size_t bytes) { return (bytes + kAlignment - 1) & ~(kAlignment - 1); }
+
+UBYTE* buffer_mem = nullptr;        // the one block that holds all pooled buffers
+UBYTE* buffer_mem_end = nullptr;    // the end of it
+UBYTE* buffer_mem_alloc = nullptr;  // the next free byte in it
+char buffer_use_mem = 0;            // true once the block exists: then buffers are carved from it
+
+bool in_block(const void* storage) {
+  return buffer_address(storage) >= buffer_address(buffer_mem) &&
+         buffer_address(storage) < buffer_address(buffer_mem_end);
+}
+
+// The next bytes of the block, null when it has no more.
+UBYTE* carve(std::size_t bytes) {
+  const std::size_t stride = round_up(bytes);
+  if (stride > static_cast<std::size_t>(buffer_mem_end - buffer_mem_alloc)) return nullptr;
+  UBYTE* storage = buffer_mem_alloc;
+  buffer_mem_alloc += stride;
+  return storage;
+}
+
+}  // namespace
+
+// ---- The state of the pools --------------------------------------------------------------------------------
+
+struct OSBuf::Pool {
+  static UWORD class_size[kClasses];  // bytes of storage, constant between Initialise and UnInitialise
+  static OSBuf* newest;               // the buffers made, each leading to the one made before it
+  static ULONG build;                 // counts Initialise and UnInitialise; 0 stands for none
+  static std::uint64_t allocations;   // inside OS_CRITICAL_BUFFERS
+
+  static std::size_t quantity(int i) {
+    return KERNELCFG->buf_qty[i] > 0 ? static_cast<std::size_t>(KERNELCFG->buf_qty[i]) : 0;
+  }
+
+  static void next_build() {
+    if (++build == 0) ++build;
+  }
+
+  static bool make_block();
+  static OSBuf* make_buffer(int i);
+  static int find_locked(int size);
+  static bool is_intact(const OSBuf* buf);
+  static OSBuf* take_damaged_locked(OSLinkList* pool);
+  static void list_locked(OSBuf* buf, OSLink* link);
+  static void hand_out_locked(int i, OSBuf* buf, OSLink* link, ULONG now);
+  static OSLink* take_back_locked(OSBuf* buf);
+  static bool overhangs(const OSBuf* buf);
+  static void check_contents(OSBuf* buf);
+};
+
+UWORD OSBuf::Pool::class_size[kClasses];
+OSBuf* OSBuf::Pool::newest = nullptr;
+ULONG OSBuf::Pool::build = 0;
+std::uint64_t OSBuf::Pool::allocations = 0;
+
+// ---- Building and releasing --------------------------------------------------------------------------------
+
+bool OSBuf::Pool::make_block() {
+  std::size_t total = 0;
+  for (int i = 0; i < kClasses; ++i) {
+    std::size_t one = round_up(sizeof(OSBuf));
+    if (class_size[i] != 0) one += round_up(std::size_t{class_size[i]} + kGuardBytes);
+    std::size_t all = 0;
+    if (__builtin_mul_overflow(one, quantity(i), &all) || __builtin_add_overflow(total, all, &total)) {
+      return false;
+    }
+  }
+  buffer_mem = static_cast<UBYTE*>(::operator new(total, std::nothrow));
+  if (buffer_mem == nullptr) return false;
+  buffer_mem_alloc = buffer_mem;
+  buffer_mem_end = buffer_mem + total;
+  return true;
+}
+
+// A buffer of class i with its storage, or null when memory has run out.
+OSBuf* OSBuf::Pool::make_buffer(int i) {
+  auto* buf = new OSBuf;
+  if (buf == nullptr) return nullptr;
+  const UWORD bytes = class_size[i];
+  if (bytes != 0 && buffer_use_mem != 0) {
+    buf->own_payload_ = carve(std::size_t{bytes} + kGuardBytes);
+    std::memset(buf->own_payload_ + bytes, kGuard, kGuardBytes);
+    buf->guarded_ = true;
+  } else if (bytes != 0) {
+    buf->own_payload_ = OS_MEMORY == nullptr ? nullptr : static_cast<UBYTE*>(OS_MEMORY->Allocate(bytes));
+    if (buf->own_payload_ == nullptr) {
+      delete buf;
+      return nullptr;
+    }
+    buf->pool_storage_ = true;
+  }
+  buf->own_size_ = bytes;
+  buf->home_q = &buffer_pool[i];
+  buf->payload = buf->own_payload_;
+  buf->size = bytes;
+  buf->make_empty();
+  buf->length = kNeverUsed;
+  buf->home_.store(true, std::memory_order_relaxed);
+  buf->build_ = build;
+  buf->made_next_ = newest;
+  newest = buf;
+  return buf;
+}
+
+void OSBuf::Initialise() {
+  // A second start without a stop would lose the first block.
+  if (allocated_list != nullptr) UnInitialise();
+
+  init_section(&OS_CRITICAL_BUFFERS);
+  Pool::next_build();
+  for (int i = 0; i < kClasses; ++i) {
+    const int bytes = KERNELCFG->buf_size[i];
+    Pool::class_size[i] = bytes <= 0 ? 0 : bytes > 0xFFFF ? 0xFFFF : static_cast<UWORD>(bytes);
+  }
+  allocated_list = new (std::nothrow) OSIndirectList;
+  buffer_use_mem = Pool::make_block() ? 1 : 0;
+
+  for (int i = 0; i < kClasses; ++i) {
+    int made = 0;
+    for (std::size_t n = Pool::quantity(i); n > 0; --n) {
+      OSBuf* buf = Pool::make_buffer(i);
+      if (buf == nullptr) break;
+      const SectionLock lock(&OS_CRITICAL_BUFFERS);
+      buffer_pool[i].Insert(buf);
+      ++made;
+    }
+    std::atomic_ref<int>(min_count[i]).store(made, std::memory_order_relaxed);
+  }
+}
+
+void OSBuf::UnInitialise() {
+  if (allocated_list == nullptr && Pool::newest == nullptr && buffer_mem == nullptr) return;
+
+  OSIndirectList* list = nullptr;
+  {
+    const SectionLock lock(&OS_CRITICAL_BUFFERS);
+    list = allocated_list;
+    allocated_list = nullptr;
+    Pool::next_build();
+    for (OSLinkList& pool : buffer_pool) {
+      while (OSLink* first = pool.First()) {
+        if (first->object == nullptr) break;
+        pool.Remove(first);
+      }
+    }
+  }
+
+  // Buffers that are still out leave their callbacks to the pool, which is released after this one. They stay in
+  // the queues they are in: the head of a queue may be gone without having been emptied.
+  OSBuf* next = nullptr;
+  for (OSBuf* buf = Pool::newest; buf != nullptr; buf = next) {
+    next = buf->made_next_;
+    OSCallback::drop_ring(&buf->data_free_callback);
+    OSCallback::drop_ring(&buf->buffer_free_callback);
+    buf->allocated_link_ = nullptr;
+    if (buffer_use_mem != 0) continue;
+    if (buf->home_.load(std::memory_order_relaxed)) {
+      delete buf;
+    } else {
+      buf->pool_storage_ = false;  // the memory pool may be another one by the time the buffer is freed
+    }
+  }
+  Pool::newest = nullptr;
+  delete list;
+
+  UBYTE* block = buffer_mem;
+  buffer_mem = buffer_mem_end = buffer_mem_alloc = nullptr;
+  buffer_use_mem = 0;
+  ::operator delete(block);
+}
+
+void* OSBuf::operator new(std::size_t size) noexcept {
+  if (buffer_use_mem != 0) {
+    // Once the pools are built the block is used up, and what a program makes for itself comes from the heap.
+    if (UBYTE* storage = carve(size)) return storage;
+  }
+  return ::operator new(size, std::nothrow);
+}
+
+void OSBuf::operator delete(void* storage) {
+  if (!in_block(storage)) ::operator delete(storage);
+}
+
+OSBuf::~OSBuf() {
+  OSCallback::drop_ring(&data_free_callback);
+  OSCallback::drop_ring(&buffer_free_callback);
+  if (pool_storage_) OSMemPool::Free(own_payload_);
+}
+
+// ---- Taking a buffer ---------------------------------------------------------------------------------------
+
+// The class that serves a request, -1 for none.
+int OSBuf::Pool::find_locked(int size) {
+  if (size == 0) return buffer_pool[0].IsEmpty() ? -1 : 0;
+  const int bytes = size & 0x7FFF;
+  for (int i = 1; i < kClasses; ++i) {
+    if (class_size[i] > bytes && !buffer_pool[i].IsEmpty()) return i;
+  }
+  return -1;
+}
+
+bool OSBuf::Pool::is_intact(const OSBuf* buf) {
+  return buffer_address(buf) % alignof(OSBuf) == 0 && buf->id == kId;
+}
+
+// Takes a damaged buffer out of its pool. Its link may be damaged too: then the rest of the pool cannot be reached
+// through it any more and is given up with it.
+//   returns   the buffer; null when its memory is not to be touched
+OSBuf* OSBuf::Pool::take_damaged_locked(OSLinkList* pool) {
+  const auto plausible = [pool](const OSLink* link) {
+    return link == pool || (link != nullptr && buffer_address(link) % alignof(OSBuf) == 0 &&
+                            (buffer_use_mem == 0 || in_block(link)));
+  };
+  OSLink* first = pool->next;
+  if (plausible(first) && first->object != nullptr && first->previous == pool && plausible(first->next) &&
+      first->next->previous == first) {
+    pool->Remove(first);
+    return static_cast<OSBuf*>(first);
+  }
+  pool->next = pool;
+  pool->previous = pool;
+  __atomic_store_n(&pool->number_in_list, 0, __ATOMIC_RELAXED);
+  return nullptr;
+}
+
+// From here on the buffer is allocated. link is null when the link pool has none: then it is not listed.
+void OSBuf::Pool::list_locked(OSBuf* buf, OSLink* link) {
+  if (link != nullptr) allocated_list->OSLinkList::Append(link, buf);
+  buf->allocated_link_ = link;
+  buf->allocated_ = ++allocations;
+  buf->home_.store(false, std::memory_order_relaxed);
+}
+
+void OSBuf::Pool::hand_out_locked(int i, OSBuf* buf, OSLink* link, ULONG now) {
+  OSLinkList* pool = &buffer_pool[i];
+  pool->Remove(buf);
+  buf->make_empty();
+  buf->flags = 3;
+  list_locked(buf, link);
+  buf->timeStamp = now;
+  buf->destPtr = nullptr;
+  buf->remote_port = 0;
+  buf->local_port = 0;
+  buf->remote_ipaddr = 0;
+  buf->local_ipaddr = 0;
+  if (pool->number_in_list < min_count[i]) {
+    std::atomic_ref<int>(min_count[i]).store(pool->number_in_list, std::memory_order_relaxed);
+  }
+}
+
+OSBuf* OSBuf::Alloc(int size) {
+  // The clock and the link are fetched before the section is entered: it is held for a few stores only, and a
+  // link pool that runs dry reports it on the console. Without a link the buffer works, but is not listed.
+  const ULONG now = os_clock();
+  OSLink* link = OSLink::Alloc();
+  // Each turn but the last takes a damaged buffer out of its pool.
+  for (;;) {
+    SectionLock lock(&OS_CRITICAL_BUFFERS);
+    const int i = Pool::find_locked(size);
+    if (i < 0) break;
+    auto* buf = static_cast<OSBuf*>(buffer_pool[i].First());
+    if (Pool::is_intact(buf)) {
+      Pool::hand_out_locked(i, buf, link, now);
+      return buf;
+    }
+    // The damaged buffer stays out of circulation, on the list of allocated ones, where it can be seen.
+    if (OSBuf* damaged = Pool::take_damaged_locked(&buffer_pool[i])) {
+      Pool::list_locked(damaged, link);
+      link = nullptr;
+    }
+    lock.leave();
+    if (Console != nullptr) Console->Fatal("OSBuf::Alloc - Corrupt");
+    if (link == nullptr) link = OSLink::Alloc();
+  }
+
+  if (link != nullptr) link->Free();
+  if (Console != nullptr) Console->Print("OSBuffer::Alloc Out Of Buffers %d", size);
+  Snapshot::print_allocated();
+  if (Console != nullptr) Console->Fatal("OSBuffer::Alloc Out Of Buffers %d", size);
+  return nullptr;
+}
+
+int OSBuf::PoolSize(int buf_class) {
+  return buf_class < 0 || buf_class >= kClasses ? 0 : buffer_pool[buf_class].Size();
+}
+
+// ---- Giving it back ----------------------------------------------------------------------------------------
+
+// Whether something was written past the end of the storage. A size that the program has enlarged past the guard
+// bytes cannot be looked up and counts as such.
+bool OSBuf::Pool::overhangs(const OSBuf* buf) {
+  if (!buf->guarded_ || !buf->owns_storage()) return false;
+  if (buf->size >= buf->own_size_ + kGuardBytes) return true;
+  return buf->payload[buf->size] != kGuard;
+}
+
+void OSBuf::Pool::check_contents(OSBuf* buf) {
+  if (buf->size == 0) return;
+  if (buffer_address(buf->data) < buffer_address(buf->payload) && Console != nullptr) {
+    Console->Fatal("OSBuf::Free - Corrupted buffer - pushed down too far");
+  }
+  if (buf->size == 0 || !overhangs(buf)) return;
+  const auto offset = static_cast<int>(buffer_address(buf->data) - buffer_address(buf->payload));
+  if (Console != nullptr) {
+    Console->Fatal("OSBuf::Free - Corrupted Overhang (size %d, data %d, length %d, overrun %d)", buf->size,
+                   offset, buf->length, offset + buf->length - buf->size);
+  }
+  // The next holder is not to blame.
+  std::memset(buf->own_payload_ + buf->own_size_, kGuard, kGuardBytes);
+}
+
+// Takes the buffer off allocated_list. Returns its link, which is freed outside the section.
+OSLink* OSBuf::Pool::take_back_locked(OSBuf* buf) {
+  OSLink* link = buf->allocated_link_;
+  buf->allocated_link_ = nullptr;
+  if (link == nullptr || allocated_list == nullptr) return nullptr;
+  if (link->object != static_cast<OSListObj*>(buf)) {
+    allocated_list->Remove(buf);  // the program has changed the list itself
+    return nullptr;
+  }
+  allocated_list->OSLinkList::Remove(link);
+  return link;
+}
+
+void OSBuf::Free() {
+  if (!Pool::is_intact(this)) {
+    if (Console != nullptr) Console->Fatal("OSBuf::Free - Corrupt");
+    return;
+  }
+  // Decided before anything else is looked at: to the second of two threads the buffer's contents are no longer
+  // there to be checked.
+  if (home_.exchange(true, std::memory_order_relaxed)) {
+    const int bytes = std::atomic_ref<UWORD>(size).load(std::memory_order_relaxed);
+    if (Console != nullptr) {
+      Console->Fatal("OSBuffer::Free freed twice %p %d", static_cast<void*>(this), bytes);
+    }
+    return;
+  }
+  Pool::check_contents(this);
+  OSCallback::run_ring(&data_free_callback);
+  OSCallback::run_ring(&buffer_free_callback);
+
+  if (payload != own_payload_ || size != own_size_) {
+    payload = own_payload_;
+    std::atomic_ref<UWORD>(size).store(own_size_, std::memory_order_relaxed);
+    make_empty();
+  }
+  if (object != nullptr) {
+    // Still in a queue, whose holder will come across it. It stays allocated, so that it can be freed then.
+    make_empty();
+    home_.store(false, std::memory_order_relaxed);
+    if (Console != nullptr) Console->Fatal("OSLinkList::Insert Obj of link that is already in a list");
+    return;
+  }
+
+  OSLink* link = nullptr;
+  bool orphan = false;
+  {
+    const SectionLock lock(&OS_CRITICAL_BUFFERS);
+    link = Pool::take_back_locked(this);
+    length = kFreed;
+    trace = 0;
+    orphan = build_ != 0 && build_ != Pool::build;
+    if (!orphan && home_q != nullptr) home_q->Insert(this);
+  }
+  if (link != nullptr) link->Free();
+  if (orphan) delete this;  // its pool was released while it was out
+}
