@@ -1,0 +1,134 @@
+/// The interface through which protocol layers are stacked.
+///
+/// Every layer derives from OSIO and is bound to one partner. Data travels as message buffers: a layer calls its
+/// partner's indications, and the buffer belongs to the callee from the call on. A layer that nobody is bound to
+/// has OSNullIO as partner, which declines everything, so no layer ever tests for a missing partner.
+#ifndef OSKERNEL_IO_H
+#define OSKERNEL_IO_H
+
+#include "link_list.h"
+#include "types.h"
+
+class OSBuf;
+class OSIO;
+
+/// The layer that declines: every operation is OSIO's default, so a buffer sent to it is freed and refused with
+/// NotSupported. It is there before the first constructor of the program runs and after the last destructor, and
+/// it is nobody's partner but its own.
+extern OSKERNEL_API OSIO OSNullIO;
+
+/// What a layer answers.
+enum OSIORetCode {
+  Success = 0,
+  Blocked = 1,
+  NoConnection = 2,
+  NoRoute = 3,
+  NotSupported = 4,
+  BufferContainsResult = 5
+};
+
+/// Why a connection ended or failed.
+enum OSIOReason { Busy = 0, Congestion = 1, UnReachable = 2, Timeout = 3, Failed = 4, Normal = 5, Gone = 6 };
+
+/// Line signals, a bit mask.
+enum OSIOModem { DTR = 1, RTS = 2, DRS = 4, RI = 8, DSR = 16, DCD = 32, CTS = 64, BO = 128 };
+
+/// Base of what Configure and Service take.
+class OSKERNEL_API OSIOParam {
+ public:
+  OSIOParam() = default;
+  /// The kind of parameter; 0 is OSIOAddress.
+  virtual int Type() = 0;
+  virtual ~OSIOParam();
+};
+
+/// An address as text.
+class OSKERNEL_API OSIOAddress : public OSIOParam {
+ public:
+  /// Copies up to 131 characters of text; null gives an empty address.
+  explicit OSIOAddress(const char* text);
+  /// 0.
+  int Type() override;
+  ~OSIOAddress() override;
+
+  char destination[132];  ///< always ends with a zero byte
+};
+
+/// One layer. The virtual operations stand in the order of their slots; programs override what they support and
+/// inherit the refusal of the rest.
+///
+/// Threads: a layer is called by the thread that has something for it, under no lock of the library. `partner`
+/// is not locked: bind and unbind while no other thread passes data between the two layers.
+class OSKERNEL_API OSIO : public OSListObj {
+ public:
+  /// An unbound layer: the partner is OSNullIO.
+  constexpr OSIO() : partner(&OSNullIO) {}
+
+  /// Calls UnBind() of this class, so the partner is left with OSNullIO. A layer whose partner may still call it
+  /// from another thread unbinds before it is destroyed.
+  ~OSIO() override;
+
+  /// Data for this layer.
+  ///   takes     buf, whatever the result. The default frees it.
+  ///   returns   NotSupported by default; a layer states when it answers otherwise
+  virtual OSIORetCode DataIndication(OSBuf* buf);
+
+  /// Urgent data for this layer. The default passes it to this layer's own DataIndication.
+  ///   takes     buf
+  virtual OSIORetCode DataExpeditedIndication(OSBuf* buf);
+
+  /// A datagram for this layer. The default ignores the addresses and passes it to this layer's DataIndication.
+  ///   takes     buf
+  ///   lends     remote and local, the peer's and the own socket address, for the call
+  virtual OSIORetCode DatagramIndication(OSBuf* buf, void* remote, void* local);
+
+  /// A connection came up. The default does nothing and returns NotSupported.
+  ///   lends     address for the call
+  virtual OSIORetCode ConnectIndication(OSIOAddress* address);
+
+  /// A connection ended or could not be made. The default does nothing and returns NotSupported.
+  virtual OSIORetCode DisconnectIndication(OSIOReason reason, int code);
+
+  /// Sets a parameter. The default does nothing and returns NotSupported.
+  ///   lends     param for the call
+  virtual OSIORetCode Configure(OSIOParam* param);
+
+  /// Sets line signals. The default does nothing and returns NotSupported.
+  virtual OSIORetCode SetModem(OSIOModem modem);
+
+  /// Reads line signals. The default reports DTR, RTS, DSR, DCD and CTS (115) and returns NotSupported.
+  virtual OSIORetCode GetModem(OSIOModem& modem);
+
+  /// Hands back a buffer that the layer has not sent. The default stores null and returns NotSupported.
+  ///   buf       where to store it; a null pointer is ignored
+  virtual OSIORetCode RecoverBuffer(OSBuf** buf);
+
+  /// Asks for a service of the layer. The default does nothing and returns NotSupported.
+  ///   lends     param for the call
+  virtual OSIORetCode Service(OSIOParam* param);
+
+  /// Makes the two layers each other's partners: Attach(other) here, then other->Attach(this). Partners that
+  /// either had before are not told. A layer that is bound to nothing has no one to tell: Bind(nullptr) and
+  /// Bind(&OSNullIO) are UnBind().
+  ///   shares    other: each layer keeps a pointer to the other until one of them unbinds or is destroyed
+  virtual void Bind(OSIO* other);
+
+  /// Detaches the partner, unless that is OSNullIO, then this layer. OSNullIO itself is never touched.
+  virtual void UnBind();
+
+  /// Sets the partner of this layer only; null means OSNullIO.
+  virtual void Attach(OSIO* other);
+
+  /// Makes OSNullIO the partner of this layer only.
+  virtual void Detach();
+
+  /// The layer bound to this one; OSNullIO when there is none, never null.
+  OSIO* Partner() const { return partner; }
+
+  /// Whether a layer other than OSNullIO is bound to this one.
+  BOOL IsBound() const { return partner != &OSNullIO; }
+
+  OSIO* partner;  ///< never null after construction
+};
+
+#endif
