@@ -1,0 +1,275 @@
+/// Triggers: timers, queue levels, polled conditions and hand-fired events that wake a task or run a callback.
+///
+/// A trigger waits (armed), becomes ready when its condition holds, and is actioned once: a snoozing task is
+/// woken or a callback is run. To hear of the next occurrence its owner arms it again with Clear().
+///
+///                  Wait()/    condition true    dispatcher: action        Cancel()     SetTimer()
+///                  Clear()    or Fire()         possible     not possible
+///   INACTIVE       -> WAIT    no effect         -            -             stays        -> WAIT
+///   WAIT           stays      -> READY, or at   -            -             -> INACTIVE  -> WAIT, from now
+///                             once -> ACTIONED
+///                             (async 0)
+///   READY          -> WAIT    no effect         -> ACTIONED  stays READY   -> INACTIVE  -> WAIT
+///   ACTIONED       -> WAIT    no effect         -            -             -> INACTIVE  -> WAIT
+///
+/// Clear tests the condition after arming, so the trigger may be READY again before Clear returns.
+#ifndef OSKERNEL_TRIGGER_H
+#define OSKERNEL_TRIGGER_H
+
+#include <pthread.h>
+
+#include "link_indirect.h"
+#include "link_list.h"
+#include "posixkernel.h"
+#include "task.h"
+#include "types.h"
+
+enum OSTrState { OS_T_INACTIVE = 0, OS_T_WAIT = 1, OS_T_READY = 2, OS_T_ACTIONED = 3 };
+
+enum OSTrAction {
+  OS_TA_NONE = 0,  ///< nothing is done; the trigger stays ready until somebody clears or cancels it
+  OS_TA_WAKE = 1,  ///< wakes `task`
+  OS_TA_FUNC = 2   ///< runs `callback`
+};
+
+class OSTriggerDispatch;
+class OSTriggerTLS;
+
+/// What all kinds of trigger have in common. One trigger sits in at most one list at a time: its kind's watch
+/// list while it waits, a ready list while it is ready.
+///
+/// Threads: every public operation may be called from any thread, inside no section that is ordered behind
+/// OS_CRITICAL_TRIGGER, and never waits but for that section. A trigger may be deleted from any thread, from its
+/// own callback too: a dispatch that has not begun the callback by then never runs it; a callback that has
+/// begun on another thread goes on, and what it uses besides the trigger is the program's to keep alive.
+class OSKERNEL_API OSTrigger : public OSLinkListObj {
+ public:
+  /// Not armed; delivered to the constructing thread's own ready list when it has one, else globally; wakes,
+  /// unless told otherwise, the task that constructs it. obj, addr and value are left unset.
+  explicit OSTrigger(OSTrAction action);
+  ~OSTrigger() override;
+
+  /// Tests the condition and activates the trigger when it holds.
+  ///   threads   any: the trigger task, a thread that changes a watched queue, the caller of Clear. Runs inside
+  ///             OS_CRITICAL_TRIGGER when a dispatcher or a queue calls it. An override may cancel or delete
+  ///             triggers, this one included, and must not wait.
+  virtual void Check() = 0;
+
+  BOOL IsActive();  ///< ready or actioned
+  OSTrState State();
+
+  void SetTask(OSTask* task);  ///< from now on wakes `task` (shares)
+  /// From now on runs callback(obj, addr, value); null runs nothing.
+  void SetCallback(OSCallbackFunction callback, OSObj* obj, ADDR addr, ULONG value);
+
+  void Fire();    ///< `reason` becomes 1; activates the trigger when it is armed, else no effect
+  void Clear();   ///< arms again and tests the condition at once
+  void Cancel();  ///< disarms; leaves every list
+
+  /// Carries the action out when the trigger is inactive or ready; dispatchers call it.
+  ///   returns   FALSE when nothing was done: another state, a task that is not snoozing, action NONE. The
+  ///             trigger then stays as it is. After TRUE the trigger may be gone.
+  BOOL Action();
+
+  // Start, stop and dispatch.
+  static void Initialise();    ///< os_startup calls it
+  static void UnInitialise();  ///< os_cleanup calls it
+  /// Gives the calling thread a ready list and an event of its own; triggers that it constructs from now on
+  /// are delivered there. The thread waits on TLSGetEvent() and calls TLSPoll() when it is signalled.
+  static void TLSInitialise();
+  /// Takes them away again. Triggers still on the list stay ready and are dispatched by nobody.
+  static void TLSUninitialise();
+  static HANDLE TLSGetEvent();  ///< the calling thread's event, 0 when it has none
+  static void TLSPoll();        ///< runs the calling thread's ready triggers; no effect without a list
+
+  OSTrState state;  ///< under OS_CRITICAL_TRIGGER, written atomically for readers without it
+  OSTrAction action;
+  UBYTE reason;  ///< why it last became active: 1 fired, 2 polled, 3 queue length, 4 timer; 0 before
+  /// 0: a trigger that does not run a callback is actioned in the activating thread when that is possible;
+  /// 2: the constructing thread's ready list when it has one; anything else: the global ready list.
+  UBYTE async;
+  OSTriggerTLS* tls;  ///< the constructing thread's ready list or null
+  OSTask* task;
+  OSCallbackFunction callback;
+  OSObj* obj;
+  ADDR addr;
+  ULONG value;
+  int fired;  ///< number of activations; under OS_CRITICAL_TRIGGER
+
+ protected:
+  // The transitions. Kinds override them to enter and leave their watch list around the base version, which
+  // must be called. All run inside OS_CRITICAL_TRIGGER.
+  virtual void Inactive();
+  virtual void Wait();
+  /// Deliberate: on a trigger that is ready already this returns without giving back the level of
+  /// OS_CRITICAL_TRIGGER that it took. No path of the kernel calls it so; derived triggers that do are
+  /// balanced against it. Pinned by trigger_test.cpp.
+  virtual void Ready();
+  virtual void Actioned();
+
+  void Activate();     ///< the step from WAIT: `fired` + 1, then actioned at once or made ready
+  void ReadyAppend();  ///< appends to the ready list that `async` chooses and signals its event
+  void ReadyRemove();  ///< leaves the ready list that ReadyAppend chose, whatever `async` is now
+
+ private:
+  friend class OSQueue;
+  friend class OSTriggerDispatch;
+
+  void set_state_locked(OSTrState new_state);
+  void signal_if_passed_over_locked();
+
+  bool passed_over_;          ///< a dispatcher found it ready and could do nothing
+  OSLinkList* ready_list_;    ///< the list it was put on while it is ready, else null
+  OSTriggerTLS* tls_owner_;   ///< keeps `tls` alive as long as the trigger
+  std::uint64_t check_walk_;  ///< the last walk along a queue's triggers that checked it
+  std::uint64_t poll_pass_;   ///< the last dispatch pass that checked it on OS_POLL_LIST
+};
+
+/// Becomes active when `duration` milliseconds have passed. Periodic when cleared: the next period is measured
+/// from the scheduled expiry, so that lateness does not add up.
+class OSKERNEL_API OSTimerTrigger : public OSTrigger {
+ public:
+  /// Wakes the constructing task unless changed.
+  ///   period    ms; 0 never expires (Fire still works) and is in no timer list
+  ///   inactive  0 arms it at once
+  OSTimerTrigger(ULONG period, int inactive);
+  ~OSTimerTrigger() override;
+  void Check() override;
+
+  /// Starts the timer again from now, whatever its state is.
+  void SetTimer(ULONG duration);
+
+  ULONG start_time;   ///< tick from which the current period is measured
+  ULONG duration;     ///< ms; set it through SetTimer while the timer is armed
+  TBOOL single_shot;  ///< for programs; the kernel neither sets nor reads it
+
+ protected:
+  void Inactive() override;
+  void Wait() override;
+  void Ready() override;
+  void Actioned() override;
+
+ private:
+  friend class OSTimerIndex;
+
+  void unlist_locked();
+
+  /// Where the timer stands in the index over OS_TIMER_LIST; under OS_CRITICAL_TRIGGER.
+  struct IndexNode {
+    OSTimerTrigger* left;
+    OSTimerTrigger* right;
+    OSTimerTrigger* parent;
+    std::uint64_t due;      ///< tick at which it expires, counted without wrap
+    std::uint64_t max_due;  ///< the latest due in this subtree
+    std::uint32_t priority;
+    bool listed;
+  };
+  IndexNode node_;
+};
+
+/// Becomes active when its queue is long or short enough, or when its timer expires. Armed when constructed; a
+/// queue that already meets a mark activates it during construction.
+class OSKERNEL_API OSQTrigger : public OSTimerTrigger {
+ public:
+  ///   queue      shares; must outlive the trigger
+  ///   high_mark  active when the queue holds at least so many; 0 for no high mark
+  ///   low_mark   active when it holds at most so many; 0 for no low mark
+  ///   period     ms until it becomes active anyway; 0 for no timer
+  OSQTrigger(OSQueue* queue, ULONG high_mark, ULONG low_mark, ULONG period);
+  ~OSQTrigger() override;
+  void Check() override;
+
+  OSQueue* q;
+  int minqlen;
+  int maxqlen;
+
+ protected:
+  void Inactive() override;
+  void Wait() override;
+  void Ready() override;
+  void Actioned() override;
+
+ private:
+  void unwatch_locked();
+};
+
+/// Becomes active when a function says so. The trigger task asks on each of its passes; with nothing but poll
+/// triggers armed a pass comes only when something else wakes it (arming a poll trigger does).
+class OSKERNEL_API OSPollTrigger : public OSTrigger {
+ public:
+  ///   function  called as function(trigger, poll_obj, poll_addr, poll_value) inside OS_CRITICAL_TRIGGER: it
+  ///             must be short and must not wait for a thread that needs triggers. It may cancel or delete
+  ///             triggers, its own too.
+  OSPollTrigger(OSPollFunction function, OSObj* poll_obj, ADDR poll_addr, ULONG poll_value);
+  ~OSPollTrigger() override;
+  void Check() override;
+
+  OSPollFunction pollfunc;
+  OSObj* pobj;
+  ADDR paddr;
+  ULONG pvalue;
+
+ protected:
+  void Inactive() override;
+  void Wait() override;
+};
+
+/// One thread's own ready list. TLSInitialise makes it, TLSUninitialise gives it up; it stays allocated until
+/// the last trigger that was constructed with it is gone.
+class OSKERNEL_API OSTriggerTLS {
+ public:
+  OSTriggerTLS();
+  ~OSTriggerTLS();
+  /// Runs the ready triggers of this list and reports each action that took more than 500 ms.
+  ///   threads   the owning thread
+  void Poll();
+
+  HANDLE event;
+  OSLinkList OS_READY_LIST;  ///< under OS_CRITICAL_TRIGGER
+
+  static pthread_key_t tls_key;  ///< 0 until the first TLSInitialise
+
+ private:
+  friend class OSTrigger;
+  friend class OSTriggerDispatch;
+
+  static OSTriggerTLS* current();
+  void close();
+  void release_locked();
+
+  int owners_;  ///< the thread and every trigger constructed with it; under OS_CRITICAL_TRIGGER
+};
+
+/// The task that tests timers and poll triggers and runs what is ready on the global list.
+class OSKERNEL_API OSTriggerTask : public OSTask {
+ public:
+  OSTriggerTask();
+  ~OSTriggerTask() override;  ///< ends Main and joins the thread
+  void Main() override;
+
+  bool done;  ///< tells Main to end; accessed atomically, published by the signal that follows
+};
+
+/// Sleeps until the earliest timer is due, in slices of at most 30 ms (10 ms while poll triggers exist), and
+/// wakes the trigger task. The body of os_trig_timer_thread.
+OSKERNEL_API void* OSTriggerTimerThread(void*);
+
+/// One dispatch pass: tests the timers that are due and every poll trigger, and runs what is ready on
+/// OS_READY_LIST. The trigger task calls it; a program without trigger task (trigger_stack 0) calls it itself.
+///   threads   any, inside no section
+OSKERNEL_API void os_check_triggers();
+
+/// Runs, unlinks and frees every callback that the program has put on OS_NOTIFY_LIST.
+///   threads   the program's; not while another thread changes OS_NOTIFY_LIST
+OSKERNEL_API void os_notify_now();
+
+extern OSKERNEL_API HANDLE os_trig_event;        ///< wakes the trigger task
+extern OSKERNEL_API HANDLE os_trig_timer_event;  ///< wakes the timer thread
+extern OSKERNEL_API pthread_t os_trig_timer_thread;
+extern OSKERNEL_API bool os_trig_timer_done;  ///< tells the timer thread to end
+
+/// Guards every trigger's state and every trigger list. Entered after a protected queue's own section, before
+/// OS_CRITICAL_LINK. Poll functions and Check run inside it; callbacks and woken tasks never do.
+extern OSKERNEL_API CRITICAL_SECTION OS_CRITICAL_TRIGGER;
+
+#endif
