@@ -34,5 +34,5 @@ if(OSKERNEL_SANITIZE)
 else()
   # A shared library normally links with symbols missing and fails at the first program that uses it. (The
   # sanitizers' own symbols come with the program, so their builds cannot ask for this.)
-  set(OSKERNEL_LINK_CHECK)  # -Wl,-z,defs
+  set(OSKERNEL_LINK_CHECK -Wl,-z,defs)
 endif()
