@@ -20,7 +20,10 @@ int request_for(std::size_t count) {
 
 }  // namespace
 
-int buffer_headroom() { return KERNELCFG == nullptr ? 0 : std::max(KERNELCFG->buf_min_space, 0); }
+int buffer_headroom() {
+  const KernelCfg& config = KERNELCFG != nullptr ? *KERNELCFG : default_cfg;
+  return std::max(config.buf_min_space, 0);
+}
 
 OSBuf::OSBuf()
     : home_q(nullptr),
@@ -42,7 +45,8 @@ OSBuf::OSBuf()
       guarded_(false),
       pool_storage_(false),
       build_(0),
-      made_next_(nullptr),
+      made_before_(nullptr),
+      made_after_(nullptr),
       home_(false),
       allocated_link_(nullptr),
       allocated_(0) {}

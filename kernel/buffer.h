@@ -43,7 +43,8 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
   /// its maker. For classes that bring their own storage and override Free.
   OSBuf();
   /// Gives callbacks that are still armed back to their pool without running them, and the storage only when it
-  /// came from the kernel memory pool with this buffer.
+  /// came from the kernel memory pool with this buffer. A buffer of the pools that is deleted (by a list that
+  /// owns its contents, say) is missing until the next start.
   ~OSBuf() override;
 
   // ---- The pools ----
@@ -69,8 +70,9 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
   ///   threads   start-up, after OSLink::Initialise and OSCallback::Initialise
   static void Initialise();
 
-  /// Releases the pools and allocated_list. With a block, buffers that are still out are gone with it; without
-  /// one they live until they are freed. Their callbacks return to the pool without being run.
+  /// Releases the pools and allocated_list. With a block, buffers that are still out leave the queues they are in
+  /// and are gone with it; without one they live until they are freed. Their callbacks return to the pool without
+  /// being run.
   ///   threads   shut-down, before OSCallback::UnInitialise
   static void UnInitialise();
 
@@ -82,7 +84,8 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
   ///             which is preceded by the same line and every allocated buffer through Print. A free buffer that
   ///             is damaged is reported with Fatal "OSBuf::Alloc - Corrupt"; it stays on allocated_list and the
   ///             next one is tried.
-  ///   threads   any; the caller must not be in a pool section. Allocates no heap.
+  ///   threads   any; the caller must not be in a pool section. Allocates no heap, unless the link pool grows;
+  ///             when that cannot, the buffer works but stands on no allocated_list.
   static OSBuf* Alloc(int size);
 
   /// Takes a buffer with Alloc(len + buf_min_space) and pushes a copy of the bytes, so that they end at the end of
@@ -208,8 +211,8 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
 
  private:
   friend void dump_allocated();
-  struct Pool;
-  struct Snapshot;
+  struct __attribute__((visibility("hidden"))) Pool;
+  struct __attribute__((visibility("hidden"))) Snapshot;
 
   static constexpr ULONG kId = 0x44556677;
   static constexpr UWORD kNeverUsed = 0x5555;
@@ -232,7 +235,10 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
   bool guarded_;        ///< guard bytes stand behind it
   bool pool_storage_;   ///< it came from the kernel memory pool and goes back there with the buffer
   ULONG build_;         ///< which Initialise made the buffer; 0 for none
-  OSBuf* made_next_;    ///< the buffer that was made before this one
+
+  // All buffers that Initialise has made and that have not been destroyed. Inside OS_CRITICAL_BUFFERS.
+  OSBuf* made_before_;
+  OSBuf* made_after_;
 
   /// Whether the buffer is in its pool (or on the way there). Set by the one Free that succeeds and cleared by
   /// Alloc. Two threads that free at once are told apart by the exchange, which needs no order beyond its own:

@@ -35,7 +35,7 @@ OSCallback* first_of(OSLink* ring) { return static_cast<OSCallback*>(ring->First
 // ---- The pool ----------------------------------------------------------------------------------------------
 
 struct OSCallback::Pool {
-  static OSCallback* newest;  // the callbacks of the block, each leading to the one made before it
+  static OSCallback* newest;  // the end of the chain of all callbacks of the block
 
   static void count(ULONG size) {
     std::atomic_ref<ULONG>(callback_pool_size).store(size, std::memory_order_relaxed);
@@ -45,6 +45,18 @@ struct OSCallback::Pool {
     callback_pool.Insert(callback, callback);
     callback->free_ = true;
     count(callback_pool_size + 1);
+  }
+
+  static void chain_locked(OSCallback* callback) {
+    callback->made_before_ = newest;
+    if (newest != nullptr) newest->made_after_ = callback;
+    newest = callback;
+  }
+
+  static void unchain_locked(OSCallback* callback) {
+    if (callback->made_before_ != nullptr) callback->made_before_->made_after_ = callback->made_after_;
+    if (callback->made_after_ != nullptr) callback->made_after_->made_before_ = callback->made_before_;
+    if (newest == callback) newest = callback->made_before_;
   }
 
   static OSCallback* take_locked() {
@@ -64,8 +76,8 @@ void OSCallback::Initialise() {
   if (callback_mem != nullptr) UnInitialise();
 
   init_section(&OS_CRITICAL_CALLBACKS);
-  const std::size_t quantity =
-      KERNELCFG->callback_qty > 0 ? static_cast<std::size_t>(KERNELCFG->callback_qty) : 0;
+  const KernelCfg& config = KERNELCFG != nullptr ? *KERNELCFG : default_cfg;
+  const std::size_t quantity = config.callback_qty > 0 ? static_cast<std::size_t>(config.callback_qty) : 0;
   if (quantity == 0) return;
   std::size_t bytes = 0;
   if (__builtin_mul_overflow(quantity, sizeof(OSCallback), &bytes)) return;
@@ -79,8 +91,7 @@ void OSCallback::Initialise() {
   for (std::size_t i = 0; i < quantity; ++i) {
     auto* callback = new OSCallback;
     if (callback == nullptr) break;
-    callback->made_next_ = Pool::newest;
-    Pool::newest = callback;
+    Pool::chain_locked(callback);
     Pool::put_locked(callback);
   }
   callback_use_mem = 0;
@@ -93,13 +104,13 @@ void OSCallback::UnInitialise() {
     return;
   }
 
-  // A record may outlive the pool; it must not keep links to callbacks that are gone. Rings are left alone: the
-  // head of a ring may be gone already, without having been emptied.
-  for (OSCallback* callback = Pool::newest; callback != nullptr; callback = callback->made_next_) {
+  // Records, and rings of streams, may outlive the pool; they must not refer to callbacks that are gone.
+  for (OSCallback* callback = Pool::newest; callback != nullptr; callback = callback->made_before_) {
     OSLink* link = nullptr;
     {
       const SectionLock lock(&OS_CRITICAL_CALLBACKS);
       link = callback->leave_record_locked();
+      if (!callback->free_) callback->OSLink::Remove();
     }
     if (link != nullptr) link->Free();
   }
@@ -136,16 +147,18 @@ OSCallback::OSCallback()
       addr(nullptr),
       value(0),
       record_link_(nullptr),
-      made_next_(nullptr),
+      made_before_(nullptr),
+      made_after_(nullptr),
       uses_(0),
       free_(false) {}
 
 OSCallback::~OSCallback() {
-  if (!free_ && callback_record == nullptr) return;
+  if (!free_ && callback_record == nullptr && !in_block(this)) return;
   OSLink* link = nullptr;
   {
     const SectionLock lock(&OS_CRITICAL_CALLBACKS);
     link = leave_record_locked();
+    Pool::unchain_locked(this);
     if (free_) {
       OSLink::Remove();
       Pool::count(callback_pool_size - 1);

@@ -37,7 +37,7 @@ class OSKERNEL_API OSCallback : public OSLinkListObj {
   ///   threads   start-up, after OSLink::Initialise and before OSBuf::Initialise
   static void Initialise();
 
-  /// Releases the pool. Callbacks that are still out leave their records and are gone with it.
+  /// Releases the pool. Callbacks that are still out leave their records and rings and are gone with it.
   ///   threads   shut-down, after OSBuf::UnInitialise
   static void UnInitialise();
 
@@ -75,7 +75,7 @@ class OSKERNEL_API OSCallback : public OSLinkListObj {
  private:
   friend class OSBuf;
   friend class OSCallbackRecord;
-  struct Pool;
+  struct __attribute__((visibility("hidden"))) Pool;
 
   /// Runs, unlinks and frees the callbacks of a ring, first to last, outside every section. A function may free
   /// or cancel any callback, those of this ring and the one that is being run included.
@@ -85,10 +85,11 @@ class OSKERNEL_API OSCallback : public OSLinkListObj {
 
   OSLink* leave_record_locked();
 
-  OSLink* record_link_;    ///< this callback's link in callback_record, null without one
-  OSCallback* made_next_;  ///< the callback of the block that was made before this one
-  ULONG uses_;             ///< how often it has been freed: tells a later use from the one a caller remembers
-  bool free_;              ///< in the pool; inside OS_CRITICAL_CALLBACKS
+  OSLink* record_link_;      ///< this callback's link in callback_record, null without one
+  OSCallback* made_before_;  ///< with made_after_: the chain of all callbacks of the block that still exist
+  OSCallback* made_after_;   ///< inside OS_CRITICAL_CALLBACKS
+  ULONG uses_;  ///< how often it has been freed: tells a later use from the one a caller remembers
+  bool free_;   ///< in the pool; inside OS_CRITICAL_CALLBACKS
 };
 
 /// The callbacks that an owner has handed out, so that it can withdraw them before it goes away.

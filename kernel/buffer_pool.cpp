@@ -45,18 +45,41 @@ UBYTE* carve(std::size_t bytes) {
   return storage;
 }
 
+// Takes every buffer of the block out of the list that this one is in. A queue may outlive the pools; it must then
+// be empty and know it, not refer to memory that is gone. A list that is destroyed lets go of its links, so the
+// links that are left lead to a head that is alive, or, when that was a bare link, only to each other.
+void empty_list_of(OSLink* buf) {
+  OSLink* head = buf;
+  do {
+    head = head->next;
+  } while (head != buf && head->object != nullptr);
+  auto* list = dynamic_cast<OSLinkList*>(head);
+  OSLink* following = nullptr;
+  for (OSLink* link = head->next; link != head; link = following) {
+    following = link->next;
+    if (!in_block(link)) continue;
+    if (list != nullptr) {
+      list->Remove(link);
+    } else {
+      link->Remove();
+    }
+  }
+}
+
 }  // namespace
 
 // ---- The state of the pools --------------------------------------------------------------------------------
 
 struct OSBuf::Pool {
   static UWORD class_size[kClasses];  // bytes of storage, constant between Initialise and UnInitialise
-  static OSBuf* newest;               // the buffers made, each leading to the one made before it
+  static OSBuf* newest;               // the end of the chain of all buffers made
   static ULONG build;                 // counts Initialise and UnInitialise; 0 stands for none
   static std::uint64_t allocations;   // inside OS_CRITICAL_BUFFERS
 
+  static const KernelCfg& config() { return KERNELCFG != nullptr ? *KERNELCFG : default_cfg; }
+
   static std::size_t quantity(int i) {
-    return KERNELCFG->buf_qty[i] > 0 ? static_cast<std::size_t>(KERNELCFG->buf_qty[i]) : 0;
+    return config().buf_qty[i] > 0 ? static_cast<std::size_t>(config().buf_qty[i]) : 0;
   }
 
   static void next_build() {
@@ -65,6 +88,8 @@ struct OSBuf::Pool {
 
   static bool make_block();
   static OSBuf* make_buffer(int i);
+  static void chain_locked(OSBuf* buf);
+  static void unchain_locked(OSBuf* buf);
   static int find_locked(int size);
   static bool is_intact(const OSBuf* buf);
   static OSBuf* take_damaged_locked(OSLinkList* pool);
@@ -124,9 +149,20 @@ OSBuf* OSBuf::Pool::make_buffer(int i) {
   buf->length = kNeverUsed;
   buf->home_.store(true, std::memory_order_relaxed);
   buf->build_ = build;
-  buf->made_next_ = newest;
-  newest = buf;
   return buf;
+}
+
+void OSBuf::Pool::chain_locked(OSBuf* buf) {
+  buf->made_before_ = newest;
+  if (newest != nullptr) newest->made_after_ = buf;
+  newest = buf;
+}
+
+void OSBuf::Pool::unchain_locked(OSBuf* buf) {
+  if (buf->made_before_ != nullptr) buf->made_before_->made_after_ = buf->made_after_;
+  if (buf->made_after_ != nullptr) buf->made_after_->made_before_ = buf->made_before_;
+  if (newest == buf) newest = buf->made_before_;
+  buf->made_before_ = buf->made_after_ = nullptr;
 }
 
 void OSBuf::Initialise() {
@@ -136,10 +172,11 @@ void OSBuf::Initialise() {
   init_section(&OS_CRITICAL_BUFFERS);
   Pool::next_build();
   for (int i = 0; i < kClasses; ++i) {
-    const int bytes = KERNELCFG->buf_size[i];
+    const int bytes = Pool::config().buf_size[i];
     Pool::class_size[i] = bytes <= 0 ? 0 : bytes > 0xFFFF ? 0xFFFF : static_cast<UWORD>(bytes);
   }
   allocated_list = new (std::nothrow) OSIndirectList;
+  if (allocated_list == nullptr) return;
   buffer_use_mem = Pool::make_block() ? 1 : 0;
 
   for (int i = 0; i < kClasses; ++i) {
@@ -148,6 +185,7 @@ void OSBuf::Initialise() {
       OSBuf* buf = Pool::make_buffer(i);
       if (buf == nullptr) break;
       const SectionLock lock(&OS_CRITICAL_BUFFERS);
+      Pool::chain_locked(buf);
       buffer_pool[i].Insert(buf);
       ++made;
     }
@@ -159,10 +197,13 @@ void OSBuf::UnInitialise() {
   if (allocated_list == nullptr && Pool::newest == nullptr && buffer_mem == nullptr) return;
 
   OSIndirectList* list = nullptr;
+  OSBuf* newest = nullptr;
   {
     const SectionLock lock(&OS_CRITICAL_BUFFERS);
     list = allocated_list;
     allocated_list = nullptr;
+    newest = Pool::newest;
+    Pool::newest = nullptr;
     Pool::next_build();
     for (OSLinkList& pool : buffer_pool) {
       while (OSLink* first = pool.First()) {
@@ -172,22 +213,23 @@ void OSBuf::UnInitialise() {
     }
   }
 
-  // Buffers that are still out leave their callbacks to the pool, which is released after this one. They stay in
-  // the queues they are in: the head of a queue may be gone without having been emptied.
-  OSBuf* next = nullptr;
-  for (OSBuf* buf = Pool::newest; buf != nullptr; buf = next) {
-    next = buf->made_next_;
+  // Buffers that are still out leave their callbacks to the pool, which is released after this one, and those that
+  // go with the block leave the queues they are in.
+  OSBuf* before = nullptr;
+  for (OSBuf* buf = newest; buf != nullptr; buf = before) {
+    before = buf->made_before_;
+    buf->made_before_ = buf->made_after_ = nullptr;
+    buf->allocated_link_ = nullptr;
     OSCallback::drop_ring(&buf->data_free_callback);
     OSCallback::drop_ring(&buf->buffer_free_callback);
-    buf->allocated_link_ = nullptr;
-    if (buffer_use_mem != 0) continue;
-    if (buf->home_.load(std::memory_order_relaxed)) {
+    if (buffer_use_mem != 0) {
+      if (buf->object != nullptr) empty_list_of(buf);
+    } else if (buf->home_.load(std::memory_order_relaxed)) {
       delete buf;
     } else {
       buf->pool_storage_ = false;  // the memory pool may be another one by the time the buffer is freed
     }
   }
-  Pool::newest = nullptr;
   delete list;
 
   UBYTE* block = buffer_mem;
@@ -211,6 +253,17 @@ void OSBuf::operator delete(void* storage) {
 OSBuf::~OSBuf() {
   OSCallback::drop_ring(&data_free_callback);
   OSCallback::drop_ring(&buffer_free_callback);
+  if (build_ != 0) {
+    OSLink* link = nullptr;
+    {
+      const SectionLock lock(&OS_CRITICAL_BUFFERS);
+      link = Pool::take_back_locked(this);
+      if (build_ == Pool::build) Pool::unchain_locked(this);
+      // Only a pool has this buffer in a list while it is at home.
+      if (home_.load(std::memory_order_relaxed) && home_q != nullptr) home_q->Remove(this);
+    }
+    if (link != nullptr) link->Free();
+  }
   if (pool_storage_) OSMemPool::Free(own_payload_);
 }
 
@@ -286,7 +339,7 @@ OSBuf* OSBuf::Alloc(int size) {
     const int i = Pool::find_locked(size);
     if (i < 0) break;
     auto* buf = static_cast<OSBuf*>(buffer_pool[i].First());
-    if (Pool::is_intact(buf)) {
+    if (Pool::is_intact(buf) && buf->object != nullptr) {
       Pool::hand_out_locked(i, buf, link, now);
       return buf;
     }
@@ -372,7 +425,7 @@ void OSBuf::Free() {
     std::atomic_ref<UWORD>(size).store(own_size_, std::memory_order_relaxed);
     make_empty();
   }
-  if (object != nullptr) {
+  if (object != nullptr || OSLink::next != this) {
     // Still in a queue, whose holder will come across it. It stays allocated, so that it can be freed then.
     make_empty();
     home_.store(false, std::memory_order_relaxed);
