@@ -45,13 +45,14 @@ void* OSLink::operator[](int n) {
 
 OSLinkHead::~OSLinkHead() {
   if (left_alone_) return;
-  if (delete_contents_on_destroy != 0) {
-    while (OSLink* const first = First()) delete first;  // unlinks itself
-    return;
-  }
-  while (OSLink* const first = First()) {
-    unlink_(first);
-    first->object = nullptr;
+  while (next != this) {
+    OSLink* const first = next;
+    if (delete_contents_on_destroy != 0) {
+      delete first;  // unlinks itself
+    } else {
+      unlink_(first);
+      first->object = nullptr;
+    }
   }
 }
 

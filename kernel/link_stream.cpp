@@ -144,18 +144,22 @@ ULONG OSStream::Discard(ULONG len) {
 }
 
 OSBuf* OSStream::Get() {
+  ULONG accounted = 0;
   while (OSBuf* const first = buffer_of(FirstObject())) {
-    const ULONG length_bytes = first->length;
     const ULONG consumptions_before = consumptions_;
     const ULONG flushes_before = flushes_;
-    consume_(length_bytes);
-    if (flushes_ != flushes_before) continue;
-    if (consumptions_ == consumptions_before + 1) {
+    const ULONG more = first->length - accounted;
+    consume_(more);
+    if (flushes_ != flushes_before) {
+      accounted = 0;
+    } else if (consumptions_ != consumptions_before + 1) {
+      // A callback consumed from the front and accounted for it: the first buffer is another or shorter now.
+      total_length += accounted + more;
+      accounted = 0;
+    } else if (accounted += more; first->length == accounted) {
       OSQueue::Remove(first);
       return first;
-    }
-    // A callback consumed from the front and accounted for it: the first buffer is another or shorter now.
-    total_length += length_bytes;
+    }  // else a callback added bytes, which were merged into this buffer: they go with it
   }
   return nullptr;
 }
