@@ -35,8 +35,8 @@ OSBTreeObj* neighbour(OSBTreeObj* node, int side) {
   return parent;
 }
 
-/// A search by whole keys from the root. Reports the exact match and, without one, the neighbours of the place
-/// where it would be.
+/// A search by whole keys from the root. Reports the exact match and, without one, the neighbours of the
+/// place where it would be.
 struct Search {
   Search(OSBTreeObj* from, OSBTreeObj* key) {
     for (OSBTreeObj* node = from; node != nullptr;) {

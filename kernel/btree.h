@@ -9,12 +9,12 @@
 /// comparisons. While the object is in a tree its key must not change, and the fields below are the tree's.
 ///
 /// Comparisons are called on the key (what is looked for, added or removed) with an object of the tree as the
-/// argument, inside the tree's section and any number of times: they are short and wait for nobody. Less than 0:
-/// the key sorts before the node; 0: they match; greater than 0: after it. The three kinds must order the same
-/// way: what matches a leading part of a key is a contiguous range of the order by whole keys.
+/// argument, inside the tree's section and any number of times: they are short and wait for nobody. Less than
+/// 0: the key sorts before the node; 0: they match; greater than 0: after it. The three kinds must order the
+/// same way: what matches a leading part of a key is a contiguous range of the order by whole keys.
 ///
-/// The base orders by address, the higher one first, and knows no ambiguous matching; a keyed object overrides
-/// all four operations.
+/// The base orders by address, the higher one first, and knows no ambiguous matching; a keyed object
+/// overrides all four operations.
 class OSKERNEL_API OSBTreeObj {
  public:
   /// In no tree: every pointer null, balance and cache 0.
@@ -29,11 +29,12 @@ class OSKERNEL_API OSBTreeObj {
   /// Matches when `node` starts with this key. The base: as Compare.
   virtual int CompareLeft(OSBTreeObj* node);
 
-  /// Matches when `node` equals the first `len` units of this key; `len` is 1 to CompareMaxLen(). The base: as
-  /// Compare.
+  /// Matches when `node` equals the first `len` units of this key; `len` is 1 to CompareMaxLen(). The base:
+  /// as Compare.
   virtual int CompareAmbiguous(OSBTreeObj* node, int len);
 
-  /// The largest `len` that CompareAmbiguous can use, 0 when ambiguous matching is not supported, as in the base.
+  /// The largest `len` that CompareAmbiguous can use, 0 when ambiguous matching is not supported, as in the
+  /// base.
   virtual int CompareMaxLen();
 
   OSBTreeObj* link[3];  ///< smaller keys, greater keys, parent (null at the root); all null in a chain
@@ -43,22 +44,23 @@ class OSKERNEL_API OSBTreeObj {
   OSBTreeObj* dupnext;  ///< the object after this one in the chain; null for the last
 };
 
-/// An AVL tree with parent links. The first object with a key stands in the tree; later ones with an equal key
-/// hang in a chain from it, the newest directly behind it. Searches return the object in the tree, and Next
-/// visits the rest of the chain.
+/// An AVL tree with parent links. The first object with a key stands in the tree; later ones with an equal
+/// key hang in a chain from it, the newest directly behind it. Searches return the object in the tree, and
+/// Next visits the rest of the chain.
 ///
-///   threads   any, for every operation: each holds the tree's section for its whole duration. Next and Previous
-///             hold it for one step, so a walk that needs an unchanging tree keeps writers away itself.
+///   threads   any, for every operation: each holds the tree's section for its whole duration. Next and
+///             Previous hold it for one step, so a walk that needs an unchanging tree keeps writers away
+///             itself.
 ///   objects   shared: the tree uses an object from Add to Remove. It allocates nothing.
-///   cost      searches, Add, Remove and one step of a walk follow the height of the tree, which is at most 1.44
-///             times the logarithm (base 2) of the number of different keys. Chains may have any length.
+///   cost      searches, Add, Remove and one step of a walk follow the height of the tree, which is at most
+///             1.44 times the logarithm (base 2) of the number of different keys. Chains may have any length.
 class OSKERNEL_API OSBTree {
  public:
   OSBTree();
 
   /// Takes every object out of the tree and deletes it, the root first: what is still indexed when the tree
-  /// goes belongs to the tree. The destructor of an object may call Remove for itself, without effect, and may
-  /// remove and delete other objects of the tree. No section is held meanwhile.
+  /// goes belongs to the tree. The destructor of an object may call Remove for itself, without effect, and
+  /// may remove and delete other objects of the tree. No section is held meanwhile.
   virtual ~OSBTree();
 
   /// The object with the greatest key that is not after `key`, an equal one if there is one; else null.
@@ -73,9 +75,11 @@ class OSKERNEL_API OSBTree {
 
   /// Takes `obj` out and clears its links; null or a key that is not in the tree changes nothing. When the
   /// object in the tree goes, the next of its chain takes its place.
-  /// Deliberate: objects are removed by key. An `obj` that is not in the tree takes out the object in the tree
-  /// that has its key, so that a program may remove by a key object; the one taken out stays the caller's, and
-  /// the others of its chain stay in the tree. Pinned by btree_test.cpp.
+  ///
+  /// Deliberate: objects are removed by key. An `obj` that is not in the tree takes out the object in the
+  /// tree that has its key, so that a program may remove by a key object; the one taken out stays the
+  /// caller's, and the others of its chain stay in the tree. Pinned by btree_test.cpp,
+  /// AStrangerTakesOutTheNodeOfAChainAndTheChainMovesUp.
   void Remove(OSBTreeObj* obj);
 
   /// The object with a key equal to `key`, or null.

@@ -21,7 +21,8 @@ void set_child(OSBTreeObj* parent, int side, OSBTreeObj* child) {
   if (child != nullptr) child->link[kParent] = parent;
 }
 
-/// Lifts node's child on `side` into node's place. Its new parent link is the caller's to set. Returns the child.
+/// Lifts node's child on `side` into node's place. Its new parent link is the caller's to set. Returns the
+/// child.
 OSBTreeObj* rotate(OSBTreeObj* node, int side) {
   OSBTreeObj* const child = node->link[side];
   set_child(node, side, child->link[1 - side]);
@@ -29,9 +30,9 @@ OSBTreeObj* rotate(OSBTreeObj* node, int side) {
   return child;
 }
 
-/// Levels `node`, which is two levels heavier on `side`. Returns what stands in its place, its parent link to be
-/// set by the caller. The subtree is one level lower than it was, unless the child was balanced, which only a
-/// removal meets: then the new top is not balanced.
+/// Levels `node`, which is two levels heavier on `side`. Returns what stands in its place, its parent link to
+/// be set by the caller. The subtree is one level lower than it was, unless the child was balanced, which
+/// only a removal meets: then the new top is not balanced.
 OSBTreeObj* level(OSBTreeObj* node, int side) {
   OSBTreeObj* const child = node->link[side];
   const signed char heavy = lean(side);

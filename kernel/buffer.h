@@ -77,9 +77,11 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
   static void UnInitialise();
 
   /// Takes an empty buffer, with all its room in front.
-  ///   size      bytes it must hold, of which only the low 15 bits count. 0 asks for class 0. Otherwise the
-  ///             smallest of the classes 1 to 3 serves that is larger than size (a request of exactly buf_size[i]
-  ///             goes to the next class) and has a free buffer.
+  /// Deliberate: only the low 15 bits of size count, and a request of exactly buf_size[i] bytes goes to class
+  /// i + 1. Programs size their classes for this. Pinned by buffer_pool_test.cpp,
+  /// TheSmallestClassThatIsStrictlyLargerServesARequest.
+  ///   size      bytes it must hold. 0 asks for class 0. Otherwise the first of the classes 1 to 3 serves that is
+  ///             larger than size and has a free buffer.
   ///   returns   the buffer, which the caller owns. Null only after Fatal "OSBuffer::Alloc Out Of Buffers %d",
   ///             which is preceded by the same line and every allocated buffer through Print. A free buffer that
   ///             is damaged is reported with Fatal "OSBuf::Alloc - Corrupt"; it stays on allocated_list and the
@@ -113,8 +115,10 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
   OSBuf* CopyData(const UBYTE* bytes, UWORD len);
 
   /// Puts a number in front, in the processor's byte order.
-  /// These four do not check for room: without it data and length move all the same, nothing is written, and
-  /// Free reports the buffer as pushed down too far.
+  /// Deliberate: these four report nothing when there is no room. data and length move all the same, nothing is
+  /// written, and Free reports the buffer as pushed down too far; layers that push a header into a buffer of
+  /// unknown origin count on finding out there. Pinned by buffer_test.cpp,
+  /// SmallPushesAreUncheckedButNeverWriteBelowTheStorage.
   void PushData(UBYTE b);
   void PushData(UWORD w);
   void PushData(ULONG l);

@@ -62,7 +62,8 @@ class OSKERNEL_API OSCallback : public OSLinkListObj {
   OSCallbackFunction callback_function;
   OSCallbackRecord* callback_record;  ///< the record that lists this callback, or null
   /// The function's first argument. Deliberate: hides the object of the link, which is OSLink::object; programs
-  /// name both. Pinned by callback_test.cpp.
+  /// name both. Pinned by callback_test.cpp,
+  /// TheArgumentDoesNotHideTheLinksObject.
   OSObj* object;
   ADDR addr;
   ULONG value;

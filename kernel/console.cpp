@@ -12,8 +12,8 @@ constexpr int kHistory = 18;  // control-R
 constexpr int kDelete = 127;
 constexpr int kFirstPrintable = 32;
 
-/// Read in a loop that must not end; volatile, so that the compiler may neither drop the loop nor conclude that
-/// it is never reached.
+/// Read in a loop that must not end; volatile, so that the compiler may neither drop the loop nor conclude
+/// that it is never reached.
 volatile bool spinning = true;
 
 /// The line that Gets edits, its echo, and the place in the history.

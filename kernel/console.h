@@ -22,9 +22,9 @@ enum WarningType {
 /// three calls for a warning: "WARNING:\r\n", the message, "\r\n".
 ///
 ///   format    printf's; the compiler checks it against the arguments
-///   threads   the kernel calls from all of its threads, sometimes inside sections: an override serialises its
-///             own output, does not call back into the kernel and does not wait for another of its threads.
-///             The base keeps no state.
+///   threads   the kernel calls from all of its threads, sometimes inside sections: an override serialises
+///             its own output, does not call back into the kernel and does not wait for another of its
+///             threads. The base keeps no state.
 class OSKERNEL_API OSConsole {
  public:
   OSConsole() = default;
@@ -47,8 +47,8 @@ class OSKERNEL_API OSConsole {
 
   /// Reports what the program cannot go on after: "FATAL:\r\n", the message, "\r\n". The base then spins for
   /// ever, so that a debugger finds the thread where it failed and nothing built on the failure runs.
-  /// Deliberate: not [[noreturn]]. Overrides may return, and the kernel goes on safely when they do. Pinned by
-  /// console_test.cpp.
+  /// Deliberate: not [[noreturn]]. Overrides may return, and the kernel goes on safely when they do. Pinned
+  /// by console_test.cpp, OfADerivedConsoleMayReturn.
   virtual void Fatal(const char* format, ...) OSKERNEL_PRINTF(2, 3);
 
   /// Tells the operator something: "NOTIFICATION:\r\n", the message, "\r\n".
@@ -62,19 +62,19 @@ class OSKERNEL_API OSConsole {
   virtual int Getc();
 
   /// Reads one line through Getc and echoes it through Print. Backspace and delete take back the last
-  /// character, control-R replaces the line by the next entry of the history, return ends the line. A line feed
-  /// and every other control character ring the bell. Of what is typed only the low 7 bits count.
-  ///   line      lent; holds the line, ended by a zero byte, when 0 is returned, and nothing useful otherwise.
-  ///             Never written beyond `size`.
+  /// character, control-R replaces the line by the next entry of the history, return ends the line. A line
+  /// feed and every other control character ring the bell. Of what is typed only the low 7 bits count.
+  ///   line      lent; holds the line, ended by a zero byte, when 0 is returned, and nothing useful
+  ///             otherwise. Never written beyond `size`.
   ///   size      room in `line`, the zero byte included
   ///   history   lent; earlier lines and a null behind the last, or null for none. Each control-R takes the
   ///             next, after the last the first again. An entry counts up to its first control character.
-  ///   returns   0 when the line is complete; -1 when the input ends, when the line leaves no room for the zero
-  ///             byte, when `line` is null or `size` below 1
+  ///   returns   0 when the line is complete; -1 when the input ends, when the line leaves no room for the
+  ///             zero byte, when `line` is null or `size` below 1
   virtual int Gets(char* line, int size, char** history);
 
-  /// Warning with a single number or nullptr behind the format, 0 included: passes it on to the variadic form.
-  /// Where va_list is a pointer, a plain 0 would otherwise be taken for a null va_list.
+  /// Warning with a single number or nullptr behind the format, 0 included: passes it on to the variadic
+  /// form. Where va_list is a pointer, a plain 0 would otherwise be taken for a null va_list.
   ///
   /// On 32-bit x86 va_list is `char*` itself and no overload can tell them apart: a single argument that is a
   /// pointer to characters must be a `const char*` there.

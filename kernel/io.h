@@ -107,9 +107,11 @@ class OSKERNEL_API OSIO : public OSListObj {
   ///   lends     param for the call
   virtual OSIORetCode Service(OSIOParam* param);
 
-  /// Makes the two layers each other's partners: Attach(other) here, then other->Attach(this). Partners that
-  /// either had before are not told. A layer that is bound to nothing has no one to tell: Bind(nullptr) and
+  /// Makes the two layers each other's partners: Attach(other) here, then other->Attach(this). Bind(nullptr) and
   /// Bind(&OSNullIO) are UnBind().
+  /// Deliberate: partners that either had before are not told and go on pointing here; layers that hand a
+  /// connection over bind it anew while the old partner still finishes. UnBind first to let go of both sides.
+  /// Pinned by io_test.cpp, BindTakesNoNoticeOfAnEarlierPartner.
   ///   shares    other: each layer keeps a pointer to the other until one of them unbinds or is destroyed
   virtual void Bind(OSIO* other);
 

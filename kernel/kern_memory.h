@@ -59,8 +59,10 @@ class OSKERNEL_API OSMemPool {
   /// Takes n bytes, 4-aligned, from the first pool of the chain that has them.
   ///   n         any number, 0 included; with its 8-byte header rounded up to a multiple of 4, at least 12 bytes
   ///   returns   the memory, or null when no pool of the chain has it, after Fatal
-  ///             "OSMemPool::Allocate Out of Memory" when this pool's NoMemIsFatal is set. A request that only
-  ///             the whole head area could serve fails too, although FreeSpace() may be large enough.
+  ///             "OSMemPool::Allocate Out of Memory" when this pool's NoMemIsFatal is set
+  /// Deliberate: a request that only the whole head area could serve fails although FreeSpace() is large enough.
+  /// The head area anchors the list of free areas, and Free relies on finding it there. Pinned by
+  /// kern_memory_test.cpp, HeadAreaIsNeverHandedOutWhole.
   ADDR Allocate(ULONG n);
 
   /// Gives memory back to the pool it came from. null is ignored.

@@ -211,7 +211,10 @@ OSLink* OSLink::Alloc() {
   SectionLock lock(&OS_CRITICAL_LINK);
   OSLink* link = link_pool != nullptr ? link_pool->First() : nullptr;
   if (link == nullptr) {
-    if (link_pool != nullptr && grow_locked()) link = link_pool->First();
+    if (link_pool != nullptr) {
+      link_pool->next = link_pool->previous = link_pool;  // as it is, unless its pointers have been wiped
+      if (grow_locked()) link = link_pool->First();
+    }
     if (link == nullptr) {
       lock.leave();
       report_out_of_links();

@@ -83,9 +83,11 @@ void OSStream::Add(OSBuf* buf) {
   drop_excess_();
 }
 
-/// Moves buf's data callbacks to the slot that will stand for its bytes. When the ring is full the slot
-/// gathers them without becoming pending; the next buffer that finds the ring with room takes it with all it
-/// gathered.
+/// Moves buf's data callbacks to the slot that will stand for its bytes.
+/// Deliberate: while the ring is full the slot gathers callbacks and lengths without becoming pending; the
+/// next buffer that finds room takes it with all callbacks, but its own length replaces the lengths gathered.
+/// The callbacks then run when that buffer's bytes are reached: late, never early. Pinned by stream_test.cpp,
+/// AFullRingCollectsInItsLastSlotAndAnAssignmentReplacesWhatWasCollected.
 void OSStream::take_slot_(OSBuf* buf) {
   const int slot = comp_w;
   comp_callbacks[slot].Compact(&buf->data_free_callback);

@@ -77,7 +77,7 @@ class OSKERNEL_API OSStream : public OSQueue {
   /// total_length.
   /// Deliberate: a slot is retired, and its callbacks run, as soon as any of its bytes is consumed, and what
   /// is left of its length is not carried over to the next slot. Producers rely on hearing of the first byte.
-  /// Pinned by link_stream_test.cpp, ConsumingOneByteRunsTheCallbacksOfTheOldestSlot.
+  /// Pinned by stream_test.cpp, ConsumingOneByteRetiresTheOldestSlot.
   void DiscardLen(int len);
 
  private:

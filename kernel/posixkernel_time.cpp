@@ -2,6 +2,7 @@
 #include "kernel/posixkernel_time.h"
 
 #include <fcntl.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -45,15 +46,14 @@ std::int64_t nanos_of(clockid_t clock) {
   return now.tv_sec * kNanosPerSecond + now.tv_nsec;
 }
 
-/// Opens the clock device. Returns a descriptor above 0, or a negative value without a device.
+/// Opens the clock device. Returns its descriptor, or a negative value without a device.
 int open_clock_device() {
   const int saved_errno = errno;
-  int device = open(kClockDevice, O_RDONLY | O_CLOEXEC);
-  if (device == 0) {
-    // Programs treat descriptor 0 as their standard input, and close or replace it.
-    device = fcntl(0, F_DUPFD_CLOEXEC, 3);
-    close(0);
-  }
+  // Programs take descriptor 0 for their standard input, and close or replace it. Where there is none,
+  // something else holds the number until the device has another.
+  const int placeholder = fcntl(0, F_GETFD) < 0 ? eventfd(0, EFD_CLOEXEC) : -1;
+  const int device = open(kClockDevice, O_RDONLY | O_CLOEXEC);
+  if (placeholder >= 0) close(placeholder);
   if (device < 0) clock_device_wanted().store(false, std::memory_order_relaxed);
   errno = saved_errno;
   return device;
@@ -169,7 +169,7 @@ ULONG os_clock() {
   if (clock_device_wanted().load(std::memory_order_relaxed)) {
     static const int device = open_clock_device();
     // Once it has failed to open, the device stays out of use, even when somebody sets the flag again.
-    if (device > 0) return device_tick(device);
+    if (device >= 0) return device_tick(device);
   }
   static const std::int64_t offset = time_of_day_offset();
   return static_cast<ULONG>((nanos_of(CLOCK_MONOTONIC) + offset) / kNanosPerMilli);

@@ -159,8 +159,9 @@ class OSKERNEL_API OSTimerTrigger : public OSTrigger {
     OSTimerTrigger* left;
     OSTimerTrigger* right;
     OSTimerTrigger* parent;
-    std::uint64_t due;      ///< tick at which it expires, counted without wrap
-    std::uint64_t max_due;  ///< the latest due in this subtree
+    std::uint64_t due;        ///< tick at which it expires, counted without wrap
+    std::uint64_t left_max;   ///< the latest due below `left`, 0 without one; kept here to spare a look there
+    std::uint64_t right_max;  ///< the same for `right`
     std::uint32_t priority;
     bool listed;
   };

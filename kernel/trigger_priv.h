@@ -115,11 +115,13 @@ class OSTimerIndex {
  private:
   using Node = OSTimerTrigger::IndexNode;
 
+  static std::uint64_t latest(const OSTimerTrigger* timer);
   static OSTimerTrigger* first_due_after(std::uint64_t tick);
   static void link_before(OSTimerTrigger* timer, OSTimerTrigger* position);
   static void rotate_up(OSTimerTrigger* timer);
-  static void replace_child(OSTimerTrigger* parent, OSTimerTrigger* child, OSTimerTrigger* by);
-  static void refresh(OSTimerTrigger* timer);
+  static void set_left(OSTimerTrigger* parent, OSTimerTrigger* child);
+  static void set_right(OSTimerTrigger* parent, OSTimerTrigger* child);
+  static void replace_child(OSTimerTrigger* parent, const OSTimerTrigger* child, OSTimerTrigger* by);
   static void refresh_upwards(OSTimerTrigger* timer);
 
   static OSTimerTrigger* root_;

@@ -4,7 +4,7 @@
 /// and has more time left than the new timer's whole duration. A timer that is armed late into its period is
 /// therefore listed as if the period began now, and the list as a whole is not sorted by expiry. A search tree
 /// over expiry cannot give that place; a tree over the list's positions, in which every node knows the latest
-/// expiry below it, finds "the first with more time left" in logarithmic time. It is a treap: random priorities
+/// expiry on either side below it, finds "the first with more time left" in logarithmic time. It is a treap: random priorities
 /// keep it balanced whatever order timers come in.
 #include <algorithm>
 #include <utility>
@@ -37,78 +37,85 @@ std::uint32_t random_priority() {
 
 }  // namespace
 
+/// The latest due of a subtree, 0 of none.
+std::uint64_t OSTimerIndex::latest(const OSTimerTrigger* timer) {
+  if (timer == nullptr) return 0;
+  return std::max({timer->node_.due, timer->node_.left_max, timer->node_.right_max});
+}
+
 OSTimerTrigger* OSTimerIndex::first_due_after(std::uint64_t tick) {
   OSTimerTrigger* at = root_;
-  if (at == nullptr || at->node_.max_due <= tick) return nullptr;
+  if (latest(at) <= tick) return nullptr;
   for (;;) {
-    OSTimerTrigger* const left = at->node_.left;
-    if (left != nullptr && left->node_.max_due > tick) {
-      at = left;
-    } else if (at->node_.due > tick) {
+    const Node& node = at->node_;
+    if (node.left_max > tick) {
+      at = node.left;
+    } else if (node.due > tick) {
       return at;
     } else {
-      at = at->node_.right;  // it has one: the maximum of this subtree lies nowhere else
+      at = node.right;  // it has one: the latest of this subtree lies nowhere else
     }
   }
 }
 
-void OSTimerIndex::refresh(OSTimerTrigger* timer) {
-  Node& node = timer->node_;
-  node.max_due = node.due;
-  if (node.left != nullptr) node.max_due = std::max(node.max_due, node.left->node_.max_due);
-  if (node.right != nullptr) node.max_due = std::max(node.max_due, node.right->node_.max_due);
+void OSTimerIndex::set_left(OSTimerTrigger* parent, OSTimerTrigger* child) {
+  parent->node_.left = child;
+  parent->node_.left_max = latest(child);
+  if (child != nullptr) child->node_.parent = parent;
 }
 
-void OSTimerIndex::refresh_upwards(OSTimerTrigger* timer) {
-  for (; timer != nullptr; timer = timer->node_.parent) {
-    const std::uint64_t before = timer->node_.max_due;
-    refresh(timer);
-    if (timer->node_.max_due == before) return;
-  }
+void OSTimerIndex::set_right(OSTimerTrigger* parent, OSTimerTrigger* child) {
+  parent->node_.right = child;
+  parent->node_.right_max = latest(child);
+  if (child != nullptr) child->node_.parent = parent;
 }
 
-void OSTimerIndex::replace_child(OSTimerTrigger* parent, OSTimerTrigger* child, OSTimerTrigger* by) {
+void OSTimerIndex::replace_child(OSTimerTrigger* parent, const OSTimerTrigger* child, OSTimerTrigger* by) {
   if (parent == nullptr) {
     root_ = by;
+    if (by != nullptr) by->node_.parent = nullptr;
   } else if (parent->node_.left == child) {
-    parent->node_.left = by;
+    set_left(parent, by);
   } else {
-    parent->node_.right = by;
+    set_right(parent, by);
   }
-  if (by != nullptr) by->node_.parent = parent;
+}
+
+/// The timer's subtree has changed: tells its ancestors, up to the first one to whom it makes no difference.
+void OSTimerIndex::refresh_upwards(OSTimerTrigger* timer) {
+  for (; timer != nullptr && timer->node_.parent != nullptr; timer = timer->node_.parent) {
+    Node& above = timer->node_.parent->node_;
+    std::uint64_t& side_max = above.left == timer ? above.left_max : above.right_max;
+    const std::uint64_t now_max = latest(timer);
+    if (side_max == now_max) return;
+    side_max = now_max;
+  }
 }
 
 /// Exchanges a node with its parent; the order of positions stays.
 void OSTimerIndex::rotate_up(OSTimerTrigger* timer) {
   OSTimerTrigger* const parent = timer->node_.parent;
-  const bool is_left = parent->node_.left == timer;
-  OSTimerTrigger*& inner_of_timer = is_left ? timer->node_.right : timer->node_.left;
-  OSTimerTrigger*& side_of_parent = is_left ? parent->node_.left : parent->node_.right;
-  replace_child(parent->node_.parent, parent, timer);
-  side_of_parent = inner_of_timer;
-  if (side_of_parent != nullptr) side_of_parent->node_.parent = parent;
-  inner_of_timer = parent;
-  parent->node_.parent = timer;
-  refresh(parent);
-  refresh(timer);
+  OSTimerTrigger* const above = parent->node_.parent;
+  if (parent->node_.left == timer) {
+    set_left(parent, timer->node_.right);
+    set_right(timer, parent);
+  } else {
+    set_right(parent, timer->node_.left);
+    set_left(timer, parent);
+  }
+  replace_child(above, parent, timer);
 }
 
 void OSTimerIndex::link_before(OSTimerTrigger* timer, OSTimerTrigger* position) {
-  OSTimerTrigger* parent = nullptr;
-  if (position != nullptr && position->node_.left == nullptr) {
-    parent = position;
-    parent->node_.left = timer;
+  if (root_ == nullptr) {
+    root_ = timer;
+  } else if (position != nullptr && position->node_.left == nullptr) {
+    set_left(position, timer);
   } else {
-    // The last position of the left subtree, or of the whole tree.
-    parent = position != nullptr ? position->node_.left : root_;
-    if (parent == nullptr) {
-      root_ = timer;
-    } else {
-      while (parent->node_.right != nullptr) parent = parent->node_.right;
-      parent->node_.right = timer;
-    }
+    // Behind the timer that is listed before the new one, which has nothing on its right.
+    set_right(static_cast<OSTimerTrigger*>(trigger_of(timer->previous)), timer);
   }
-  timer->node_.parent = parent;
+  refresh_upwards(timer->node_.parent);
 }
 
 bool OSTimerIndex::insert_locked(OSTimerTrigger* timer) {
@@ -119,7 +126,6 @@ bool OSTimerIndex::insert_locked(OSTimerTrigger* timer) {
   Node& node = timer->node_;
   node = {};
   node.due = now - elapsed + timer->duration;
-  node.max_due = node.due;
   node.priority = random_priority();
   node.listed = true;
 
@@ -130,7 +136,6 @@ bool OSTimerIndex::insert_locked(OSTimerTrigger* timer) {
     OS_TIMER_LIST.Append(timer);
   }
   link_before(timer, position);
-  refresh_upwards(node.parent);
   while (node.parent != nullptr && node.parent->node_.priority < node.priority) rotate_up(timer);
   return OS_TIMER_LIST.First() == timer;
 }
