@@ -48,7 +48,7 @@ class Record {
   std::vector<OSTask*> deleters_;
 };
 
-/// Runs until it is told to end, detached, so that only the axe deletes it.
+/// Runs until it is told to end; detached, so that only the axe deletes it.
 class Condemned : public OSTask {
  public:
   Condemned(Record& record, int number, Script at_the_end = nullptr)
@@ -61,14 +61,21 @@ class Condemned : public OSTask {
     record_.add(number_, OSTask::GetCurrentTask());
   }
   void Main() override {
-    while (!told_to_end && state_of(*this) != OS_ST_KILL) Sleep(1);
+    while (!told_to_end_ && state_of(*this) != OS_ST_KILL) Sleep(1);
+    ended_.open();
   }
-  std::atomic<bool> told_to_end{false};
+  /// Main has returned, so that the object may be deleted by anybody; its thread may still be there.
+  void end() {
+    told_to_end_ = true;
+    EXPECT_TRUE(ended_.wait());
+  }
 
  private:
   Record& record_;
   int number_;
   Script at_the_end_;
+  std::atomic<bool> told_to_end_{false};
+  Gate ended_;
 };
 
 /// Ends at once: its last words hand it over.
@@ -104,7 +111,7 @@ class AxeTask : public KernelTest {
 
   void TearDown() override {
     KernelTest::TearDown();
-    EXPECT_TRUE(console.fatals().empty());
+    EXPECT_EQ(console.fatals(), std::vector<std::string>{});
   }
 };
 
@@ -147,7 +154,7 @@ TEST_F(AxeTask, TasksAreDeletedInOrderByTheNextDispatchAndTheTriggerIsArmedAgain
     EXPECT_EQ(axe.trig->State(), OS_T_READY);
     EXPECT_EQ(axe.trig->reason, 3);
     for (const pthread_t thread : threads) EXPECT_NE(OSTask::FindTask(thread), nullptr);
-    for (OSLink* node : ring_nodes(*axe.axeq)) as<Condemned>(node->object)->told_to_end = true;
+    for (OSLink* node : ring_nodes(*axe.axeq)) as<Condemned>(node->object)->end();
 
     os_check_triggers();
 
@@ -192,7 +199,7 @@ TEST_F(AxeTask, TheTriggerFunctionEmptiesTheQueueWhenItIsCalledByHand) {
   OSAxeTask::Trigger(as_obj(&axe), &axe, 99);
   EXPECT_EQ(axe.trig->State(), OS_T_WAIT);
   auto* task = new Condemned(record, 1);
-  task->told_to_end = true;
+  task->end();
   axe.Axe(task);
   OSAxeTask::Trigger(as_obj(&axe), nullptr, 0);
   EXPECT_EQ(record.size(), 1);
@@ -204,9 +211,9 @@ TEST_F(AxeTask, ATaskMayHandOverAnotherWhileItIsDeleted) {
   Record record;
   OSAxeTask axe;
   auto* second = new Condemned(record, 2);
-  second->told_to_end = true;
+  second->end();
   auto* first = new Condemned(record, 1, [&] { axe.Axe(second); });
-  first->told_to_end = true;
+  first->end();
   axe.Axe(first);
   os_check_triggers();
   EXPECT_EQ(record.numbers(), (std::vector<int>{1, 2}));
@@ -228,7 +235,7 @@ TEST_F(AxeTask, AnyThreadsMayHandTasksOverAtOnce) {
             new Departing(axe, record, n * kTasks + i);
           } else {
             auto* task = new Condemned(record, n * kTasks + i);
-            task->told_to_end = true;
+            task->end();
             axe.Axe(task);
           }
         }
@@ -305,7 +312,7 @@ TEST_F(AxeTask, StopDeletesTasksThatStillWaitForTheAxeOnce) {
     OS_AXE_TASK = new OSAxeTask;
     for (int i = 0; i < 4; ++i) {
       auto* task = new Condemned(record, i);
-      task->told_to_end = true;
+      task->end();
       OS_AXE_TASK->Axe(task);
     }
     Stop();

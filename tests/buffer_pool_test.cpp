@@ -1028,6 +1028,27 @@ TEST_F(BufferPools, TheStopReleasesTheListOfAllocatedBuffers) {
   EXPECT_EQ(OSLink::link_pool_size, links);
 }
 
+TEST_F(BufferPools, AQueueMayOutliveThePools) {
+  OSLinkList list;
+  OSProtectedQueue queue;
+  for (int round = 0; round < 3; ++round) {
+    StartQuiet();
+    for (int i = 0; i < 4; ++i) {
+      list.Append(OSBuf::Alloc(10));
+      queue.Append(OSBuf::Alloc(700));
+    }
+    Stop();
+    EXPECT_EQ(list.Size(), 0) << "it refers to nothing that is gone";
+    EXPECT_TRUE(ListIsSound(list));
+    EXPECT_TRUE(ListIsSound(queue));
+    EXPECT_EQ(queue.Size(), 0);
+  }
+  StartQuiet();
+  ExpectPoolsSound();
+  queue.Append(OSBuf::Alloc("again"));
+  queue.FirstBufAndRemove()->Free();
+}
+
 TEST_F(BufferPools, EachStartBuildsThePoolsOfItsConfiguration) {
   for (int round = 0; round < 30; ++round) {
     cfg.buf_qty[0] = 1 + round % 3;
@@ -1133,7 +1154,11 @@ TEST_F(BufferPools, AllocatedBuffersCanBeListedWhileOthersComeAndGo) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 2; ++t) {
     threads.emplace_back([&stop, t] {
-      while (!stop) OSBuf::Alloc(t == 0 ? 0 : 10)->Free();
+      while (!stop) {
+        OSBuf* buf = OSBuf::Alloc(t == 0 ? 0 : 10);
+        if (t != 0) buf->PushData("in use");
+        buf->Free();
+      }
     });
   }
   OSBuf* mine = OSBuf::Alloc("mine");

@@ -515,6 +515,23 @@ TEST_F(Buffer, CopyDataTakesANewBufferWhenTheHeadroomWouldNotBeLeft) {
   other->Free();
 }
 
+TEST_F(Buffer, CopyDataMayCopyABuffersOwnBytes) {
+  OSBuf* buf = OSBuf::Alloc("0123456789");
+  OSBuf* same = buf->CopyData(buf->data + 2, 7);
+  EXPECT_EQ(same, buf);
+  EXPECT_EQ(content(same), "2345678");
+  same->Free();
+
+  buf = OSBuf::Alloc(90);
+  const std::string text = pattern(90);
+  buf->PushData(bytes_of(text), UWORD{90});
+  OSBuf* other = buf->CopyData(buf->data + 1, 80);
+  EXPECT_EQ(other->size, 600);
+  EXPECT_EQ(content(other), text.substr(1, 80));
+  EXPECT_EQ(OSBuf::allocated_list->Size(), 1);
+  other->Free();
+}
+
 TEST_F(Buffer, CopyDataTooLongForAnyRequestIsRefused) {
   const std::string text = pattern(65535);
   OSBuf* buf = OSBuf::Alloc(10);

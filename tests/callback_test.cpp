@@ -399,6 +399,28 @@ TEST_F(Callback, ManyRecordsKeepTheirOwn) {
   EXPECT_EQ(OSCallback::callback_pool_size, kQuantity - 6);
 }
 
+TEST_F(Callback, ARecordMayOutliveThePool) {
+  OSCallbackRecord record;
+  for (int round = 0; round < 3; ++round) {
+    StartQuiet();
+    const ULONG links = OSLink::link_pool_size;
+    OSBuf* buf = OSBuf::Alloc(10);
+    buf->AddBufferCallback(plain(&record));
+    plain(&record);
+    EXPECT_EQ(record.Size(), 2);
+    Stop();
+    EXPECT_EQ(record.Size(), 0) << "it refers to nothing that is gone";
+    EXPECT_TRUE(ListIsSound(record));
+    EXPECT_EQ(OSLink::link_pool_size, links);
+  }
+  StartQuiet();
+  record.CancelCallbacks();
+  OSCallback* callback = plain(&record);
+  EXPECT_EQ(record.Size(), 1);
+  callback->Free();
+  EXPECT_EQ(runs, 0);
+}
+
 // -------------------------------------------------------------------------------------------------- threads
 
 TEST_F(Callback, ThreadsNeverShareACallback) {

@@ -95,7 +95,7 @@ TEST_F(CallrouterProgram, SampleNumbersAreAnsweredInEveryForm) {
   const Outcome run = run_program({"--json", sample});
   EXPECT_EQ(lines_of(run.out).size(), count);
   for (const std::string& line : lines_of(run.out)) EXPECT_TRUE(nlohmann::json::parse(line).is_object());
-  const auto summary = nlohmann::json::parse(run.err);
+  const auto summary = nlohmann::json::parse(lines_of(run.err).back());
   EXPECT_EQ(summary["numbers"], count);
   EXPECT_GE(summary["unroutable"], 1);
   EXPECT_GE(summary["malformed"], 1);
@@ -219,7 +219,8 @@ TEST_F(CallrouterProgram, LinesLongerThanAnyBufferAreReportedAndNoPoolRunsDry) {
     }
   }
   EXPECT_EQ(nlohmann::json::parse(lines.back())["number"], "+4420");
-  for (const auto& pool : nlohmann::json::parse(run.err)["buffers"]) EXPECT_GE(pool["lowest_free"], 1);
+  for (const auto& pool : nlohmann::json::parse(lines_of(run.err).back())["buffers"])
+    EXPECT_GE(pool["lowest_free"], 1);
 }
 
 TEST_F(CallrouterProgram, LineOfTenMegabytesIsOneLine) {
@@ -469,6 +470,23 @@ TEST_F(CallrouterProgram, LongInputShowsProgressInLinesWhereNoTerminalIs) {
   EXPECT_TRUE(err_text.wait_for("callrouter: 2 numbers, 0 a second\n"));
   in.write.reset();
   EXPECT_EQ(child.wait().exit_code, 0);
+}
+
+TEST_F(CallrouterProgram, EveryLineOfStandardErrorIsJsonWhereTheAnswersAre) {
+  Pipe in, out, err;
+  Child child({"--json"}, in.read.get(), out.write.get(), err.write.get());
+  in.read.reset();
+  out.write.reset();
+  err.write.reset();
+  Collector out_text(std::move(out.read)), err_text(std::move(err.read));
+  write_all(in.write.get(), "+44 20\n");
+  EXPECT_TRUE(err_text.wait_for("}\n"));
+  in.write.reset();
+  EXPECT_EQ(child.wait().exit_code, 0);
+  const auto lines = lines_of(err_text.all());
+  ASSERT_GE(lines.size(), 2u);
+  EXPECT_EQ(nlohmann::json::parse(lines[0])["progress"]["numbers"], 1);
+  EXPECT_EQ(nlohmann::json::parse(lines.back())["numbers"], 1);
 }
 
 TEST_F(CallrouterProgram, LongInputOfKnownSizeShowsABarOnATerminal) {

@@ -61,6 +61,9 @@ static_assert(std::is_same_v<decltype(OSLevel::ntsks), UWORD>);
 
 static_assert(std::is_same_v<decltype(OS_BTIME), ULONG>);
 static_assert(std::is_same_v<decltype(OS_USEDTIME), UWORD>);
+static_assert(std::is_same_v<decltype(std_stksize), std::size_t>);
+static_assert(std::is_same_v<decltype(std_thread_attr), pthread_attr_t>);
+static_assert(std::is_same_v<decltype(std_mutex_attr), pthread_mutexattr_t>);
 static_assert(std::is_same_v<decltype(OS_TIMER_LIST), OSLinkList>);
 static_assert(std::is_same_v<decltype(OS_NOTIFY_LIST), OSLink>);
 static_assert(sizeof os_stdscan == 33);
@@ -164,6 +167,7 @@ TEST(KernelLoaded, GlobalsAreZeroAndListsEmpty) {
   EXPECT_EQ(at_load.console, nullptr);
   EXPECT_EQ(at_load.btime, 0u);
   EXPECT_EQ(at_load.usedtime, 0u);
+  EXPECT_EQ(std_stksize, 0u) << "nobody uses it";
   EXPECT_FALSE(at_load.posix_ok);
 }
 
@@ -253,6 +257,38 @@ TEST_F(KernelStart, PutsThePoolAtTheStartOfTheBlock) {
   os_startup(nullptr, 0, &cfg);
   EXPECT_EQ(OS_MEMORY, &OS_EMPTYPOOL) << "the next start without a block forgets it";
   os_cleanup();
+}
+
+TEST_F(KernelStart, BlockAtAnyAddressHoldsItsPoolAndNothingElse) {
+  cfg.trigger_stack = 0;
+  for (std::size_t offset = 0; offset < 8; ++offset) {
+    SCOPED_TRACE(offset);
+    std::vector<UBYTE> memory(300, 0x5C);
+    UBYTE* block = memory.data() + offset;
+    os_startup(block, 200, &cfg);
+    EXPECT_GE(static_cast<void*>(OS_MEMORY), static_cast<void*>(block));
+    EXPECT_LT(static_cast<void*>(OS_MEMORY), static_cast<void*>(block + 4));
+    while (ADDR piece = OS_MEMORY->Allocate(10)) std::memset(piece, 0xEE, 10);
+    os_cleanup();
+    EXPECT_TRUE(std::all_of(memory.data(), block, [](UBYTE byte) { return byte == 0x5C; }));
+    EXPECT_TRUE(std::all_of(block + 200, memory.data() + 300, [](UBYTE byte) { return byte == 0x5C; }));
+  }
+}
+
+TEST_F(KernelStart, BlockThatIsTooSmallIsOutOfMemory) {
+  cfg.trigger_stack = 0;
+  for (ULONG size = 0; size < 24; ++size) {
+    SCOPED_TRACE(size);
+    alignas(8) UBYTE block[64];
+    std::memset(block, 0x5C, sizeof block);
+    console.clear();
+    os_startup(block, size, &cfg);
+    EXPECT_EQ(OS_MEMORY->FreeSpace(), 0u);
+    EXPECT_EQ(OS_MEMORY->Allocate(1), nullptr);
+    EXPECT_EQ(console.fatals(), (std::vector<std::string>{"OSMemPool::Allocate Out of Memory"}));
+    os_cleanup();
+    EXPECT_TRUE(std::all_of(block + size, std::end(block), [](UBYTE byte) { return byte == 0x5C; }));
+  }
 }
 
 TEST_F(KernelStart, IgnoresTheSizeWithoutABlock) {

@@ -368,6 +368,22 @@ TEST(LinkHead, AListDestroysItsObjectsWhenAskedTo) {
   EXPECT_THAT(destroyed, ElementsAre(0, 1, 2));
 }
 
+TEST(LinkHead, AListThatKeepsItsObjectsLetsThemGoWhenItIsDestroyed) {
+  Item a("a"), b("b"), c("c");
+  {
+    OSLinkList list;
+    for (Item* item : {&a, &b, &c}) list.Append(item);
+  }
+  OSLinkList other;
+  for (Item* item : {&c, &a}) {
+    EXPECT_EQ(item->object, nullptr);
+    other.Append(item);
+  }
+  EXPECT_EQ(keys(other), "ca");
+  EXPECT_EQ(b.next, static_cast<OSLink*>(&b)) << "nothing refers to the head that is gone";
+  EXPECT_EQ(a.frees, 0);
+}
+
 /// Takes a companion with it when it goes.
 class Couple : public OSLinkListObj {
  public:

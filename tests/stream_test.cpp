@@ -824,6 +824,23 @@ TEST_F(StreamTest, ACompressibleStreamCanBecomePlain) {
   EXPECT_EQ(stream.Length(), 0u);
 }
 
+TEST_F(StreamTest, AStreamMayOutliveThePools) {
+  for (int compress : {0, 1}) {
+    OSStream stream(compress, 0);
+    stream.Add(guarded(pattern(40), 1));
+    stream.Add(guarded(pattern(40), 2));
+    Stop();
+    StartQuiet();
+    stream.Flush();
+    EXPECT_EQ(stream.Size(), 0);
+    EXPECT_EQ(stream.Length(), 0u);
+    stream.Add(guarded("again", 3));
+    EXPECT_EQ(stream.Getc(), 'a');
+    stream.Flush();
+    EXPECT_THAT(taken_runs(), ElementsAre(3u)) << "what went with the pools is not run";
+  }
+}
+
 // --------------------------------------------------------------------------------------------- exhaustion
 
 TEST_F(StreamTest, AddingWithoutBuffersIsReportedAndAddsNothing) {
@@ -1007,6 +1024,9 @@ TEST_F(StreamTest, ACompressibleStreamKeepsItsBytesAndItsSlots) {
   const unsigned seed = test_seed();
   SCOPED_TRACE(seed);
   std::mt19937 random(seed);
+  Stop();
+  cfg.buf_qty[1] = cfg.buf_qty[2] = 200;  // enough for a long buffer in short fragments
+  StartQuiet();
   Stream stream(1);
   UWORD fragment = 600;
   stream.SetMaxFragment(fragment);
@@ -1068,7 +1088,7 @@ TEST_F(StreamTest, ACompressibleStreamKeepsItsBytesAndItsSlots) {
       }
       default:
         if (pick(random, 0, 100) == 0) {
-          fragment = static_cast<UWORD>(pick(random, 5, 600));
+          fragment = static_cast<UWORD>(pick(random, 30, 600));
           stream.SetMaxFragment(fragment);
         }
         // A flush leaves what the slot at comp_w collected while the ring was full; not flushed then.

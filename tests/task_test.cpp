@@ -598,6 +598,9 @@ TEST_F(TaskTest, LockDeleteLeavesTheObjectToItsOwner) {
           task->Kill();
           EXPECT_EQ(state_of(*task), OS_ST_KILL);
           EXPECT_EQ(report.main_returned, 1);
+        } else {
+          // Without Kill the derived part may go only when Main has returned.
+          EXPECT_TRUE(wait_until([&] { return report.main_returned == 1; }, kPatienceMs));
         }
         delete task;
         EXPECT_EQ(report.destroyed, 1);
@@ -974,7 +977,7 @@ TEST_F(TaskTest, ARefusedThreadIsReportedAndLeavesARegisteredTaskWithoutOne) {
       EXPECT_FALSE(is_registered(task));
     }
   }
-  EXPECT_TRUE(console.fatals().empty());
+  EXPECT_EQ(console.fatals(), std::vector<std::string>{});
 }
 
 TEST_F(TaskTest, ARefusedThreadWithoutAConsoleIsNoCrash) {
@@ -1086,6 +1089,43 @@ TEST_F(TaskTest, StopStopsTasksBeforeTheirDerivedPartIsDestroyed) {
   EXPECT_TRUE(threads_come_to(0));
 }
 
+TEST_F(TaskTest, StopWaitsForAMainThatTakesLongToEnd) {
+  // Three seconds are nothing unusual for a Main that finishes its work, say a write to flash, when it is told
+  // to stop. It uses its own members all the while.
+  class Slow final : public OSTask {
+   public:
+    explicit Slow(Report& report) : OSTask(3, 0, nullptr, nullptr), report_(report) {
+      LeaveCriticalSection(&cs);
+    }
+    ~Slow() override {
+      if (returned_) ++report_.destroyed_after_main;
+      ++report_.destroyed;
+      numbers_.clear();
+    }
+    void Main() override {
+      report_.runs.open();
+      while (state_of(*this) != OS_ST_KILL) Sleep(1);
+      for (int i = 0; i < 300; ++i) {
+        Sleep(10);
+        numbers_.at(1) += numbers_.at(2);
+      }
+      returned_ = true;
+      ++report_.main_returned;
+    }
+
+   private:
+    Report& report_;
+    std::vector<int> numbers_{1, 2, 3};
+    std::atomic<bool> returned_{false};
+  };
+  Report report;
+  new Slow(report);
+  ASSERT_TRUE(report.runs.wait());
+  Stop();
+  EXPECT_EQ(report.main_returned, 1);
+  EXPECT_EQ(report.destroyed_after_main, 1) << "the derived part went while Main still ran";
+}
+
 TEST_F(TaskTest, StopStopsTasksThatSnoozeOnTheirEvent) {
   class Waiting : public OSTask {
    public:
@@ -1169,20 +1209,17 @@ TEST_F(TaskTest, ATaskMayStopItsThreadInItsOwnDestructor) {
 }
 
 TEST_F(TaskTest, StopStopsTasksThatStopTheirThreadInTheirOwnDestructor) {
-  for (int round = 0; round < 5; ++round) {
-    Report report;
-    for (int i = 0; i < 2; ++i) {
-      new SelfStopping(report, SelfStopping::Detach::kLockDelete);
-      new SelfStopping(report, SelfStopping::Detach::kByHand);
-    }
-    for (int i = 0; i < 4; ++i) ASSERT_TRUE(report.runs.wait());
-    Stop();
-    EXPECT_EQ(report.main_returned, 4);
-    EXPECT_EQ(report.destroyed, 4);
-    EXPECT_EQ(report.destroyed_after_main, 4) << "a derived part went while its Main still ran";
-    EXPECT_TRUE(threads_come_to(0));
-    StartQuiet();
+  Report report;
+  for (int i = 0; i < 2; ++i) {
+    new SelfStopping(report, SelfStopping::Detach::kLockDelete);
+    new SelfStopping(report, SelfStopping::Detach::kByHand);
   }
+  for (int i = 0; i < 4; ++i) ASSERT_TRUE(report.runs.wait());
+  Stop();
+  EXPECT_EQ(report.main_returned, 4);
+  EXPECT_EQ(report.destroyed, 4);
+  EXPECT_EQ(report.destroyed_after_main, 4) << "a derived part went while its Main still ran";
+  EXPECT_TRUE(threads_come_to(0));
 }
 
 TEST_F(TaskTest, StopCopesWithTasksThatDeleteThemselvesMeanwhile) {
@@ -1335,7 +1372,8 @@ TEST_F(TaskTest, ManyThreadsMakeFindAndEndTasksAtOnce) {
           new ReportingTask(report, [](ReportingTask&) {});
         } else {
           auto* task = new ReportingTask(report, until_stopped);
-          EXPECT_EQ(OSTask::FindTask(task->thread_id), task);
+          // Perhaps not this one: the id of a thread that has been joined serves again at once.
+          EXPECT_NE(OSTask::FindTask(task->thread_id), nullptr);
           task->Kill();
           delete task;
         }

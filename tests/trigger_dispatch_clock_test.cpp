@@ -58,7 +58,7 @@ class DispatchPass : public KernelTest {
     EXPECT_EQ(OS_POLL_LIST.Size(), 0);
     EXPECT_EQ(OS_READY_LIST.Size(), 0);
     EXPECT_EQ(levels_held(OS_CRITICAL_TRIGGER), 0);
-    EXPECT_TRUE(console.fatals().empty());
+    EXPECT_EQ(console.fatals(), std::vector<std::string>{});
     KernelTest::TearDown();
   }
 

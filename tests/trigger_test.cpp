@@ -688,7 +688,7 @@ TEST_F(TriggerCore, ReadyOnAReadyTriggerKeepsOneLevelOfTheSection) {
   LeaveCriticalSection(&OS_CRITICAL_TRIGGER);
   EXPECT_EQ(levels_held(OS_CRITICAL_TRIGGER), 0);
   EXPECT_TRUE(is_free_for_others(OS_CRITICAL_TRIGGER));
-  EXPECT_TRUE(console.fatals().empty());
+  EXPECT_EQ(console.fatals(), std::vector<std::string>{});
 }
 
 // ---- Action --------------------------------------------------------------------------------------------------
@@ -808,7 +808,7 @@ TEST_F(TriggerCore, AFiredTriggerSurvivesTheEndOfTheKernel) {
   armed.reset();
   EXPECT_EQ(OS_READY_LIST.Size(), 0);
   EXPECT_TRUE(ListIsSound(OS_READY_LIST));
-  EXPECT_TRUE(console.fatals().empty());
+  EXPECT_EQ(console.fatals(), std::vector<std::string>{});
 }
 
 // ---- Several threads -----------------------------------------------------------------------------------------
@@ -843,7 +843,7 @@ TEST_F(TriggerCore, TwoFiresAtOnceActivateOnce) {
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(wrong, 0);
-  EXPECT_TRUE(console.fatals().empty());
+  EXPECT_EQ(console.fatals(), std::vector<std::string>{});
 }
 
 TEST_F(TriggerCore, TwoFiresAtOnceWakeASnoozingTaskOnce) {
@@ -921,7 +921,7 @@ TEST_F(TriggerCore, AnyMixOfOperationsOnAnyThreadsKeepsStateAndListsInStep) {
   triggers.clear();
   EXPECT_EQ(OS_READY_LIST.Size(), 0);
   EXPECT_TRUE(ListIsSound(OS_READY_LIST));
-  EXPECT_TRUE(console.fatals().empty());
+  EXPECT_EQ(console.fatals(), std::vector<std::string>{});
 }
 
 }  // namespace

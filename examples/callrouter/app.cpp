@@ -103,18 +103,31 @@ std::string name_of(const std::string& input) {
   return name;
 }
 
+bool numbers_are_typed(const Options& options) {
+  return std::count(options.inputs.begin(), options.inputs.end(), "-") > 0 && isatty(STDIN_FILENO);
+}
+
 void greet(const Options& options) {
-  const bool typed =
-      std::count(options.inputs.begin(), options.inputs.end(), "-") > 0 && isatty(STDIN_FILENO);
-  if (typed && !options.quiet && isatty(STDERR_FILENO)) {
+  if (numbers_are_typed(options) && !options.quiet && isatty(STDERR_FILENO)) {
     std::cerr << "Type numbers, one a line; control-D ends." << std::endl;
   }
+}
+
+// Progress is for whoever waits: not for an operator, who has `stats`, nor for whoever types the numbers.
+Progress::Show progress_for(const Options& options, bool size_known) {
+  if (options.quiet || options.console || options.inputs.empty() || numbers_are_typed(options)) {
+    return Progress::Show::kNothing;
+  }
+  return Progress::choose(options.format == Format::kJson, isatty(STDOUT_FILENO) != 0,
+                          isatty(STDERR_FILENO) != 0, size_known);
 }
 
 int report(const Options& options, const Road& road, const Stop& stop, const Summary& summary) {
   // A reader that has seen enough (callrouter ... | head) went away on purpose; nothing is to be said.
   const bool left = road.output_error() == EPIPE;
   if (!options.inputs.empty() && !options.quiet && !left) {
+    // A terminal shows ^C where the cursor was.
+    if (stop.reason() == Stop::Reason::kSignal && isatty(STDERR_FILENO)) std::cerr << '\n';
     std::cerr << (options.format == Format::kJson ? summary.json() : summary.text()) << std::flush;
   }
   if (!road.input_error().empty()) {
@@ -146,11 +159,7 @@ int run(const Options& options) {
   // With numbers to answer, standard output belongs to the answers and the dialog goes to standard error.
   OperatorConsole console(STDIN_FILENO, options.inputs.empty() ? STDOUT_FILENO : STDERR_FILENO, stop);
   Stats stats;
-  Progress progress(
-      stats,
-      Progress::choose(!options.quiet && !options.console && !options.inputs.empty(),
-                       isatty(STDOUT_FILENO) != 0, isatty(STDERR_FILENO) != 0, total_bytes.has_value()),
-      total_bytes);
+  Progress progress(stats, progress_for(options, total_bytes.has_value()), total_bytes);
   const Kernel kernel(console);
   Road road(*plan, options.inputs, names, *formatter, stats, stop, console.tracing());
   progress.start();

@@ -1,24 +1,25 @@
 #include "examples/callrouter/progress.h"
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <iostream>
-#include <string>
+#include <nlohmann/json.hpp>
+#include <utility>
 
 namespace callrouter {
 namespace {
 
 constexpr ULONG kPeriodMs = 1000;
+constexpr unsigned long kBarSteps = 1000;
 
 }  // namespace
 
-Progress::Show Progress::choose(bool wanted, bool stdout_is_terminal, bool stderr_is_terminal,
+Progress::Show Progress::choose(bool json, bool stdout_is_terminal, bool stderr_is_terminal,
                                 bool size_known) {
+  if (!stderr_is_terminal) return json ? Show::kJsonLines : Show::kLogLines;
   // Answers that scroll by on the terminal are progress enough, and a bar between them could not be read.
-  if (!wanted || (stdout_is_terminal && stderr_is_terminal)) return Show::kNothing;
-  if (!stderr_is_terminal) return Show::kLogLines;
+  if (stdout_is_terminal) return Show::kNothing;
   return size_known ? Show::kBar : Show::kLine;
 }
 
@@ -62,23 +63,37 @@ void Progress::show() {
   if (show_ == Show::kBar) return show_bar();
   if (idle) return;  // a source that says nothing for hours fills no log; that it stopped has been told
 
-  std::string line = fmt::format("callrouter: {} numbers, {} a second", grouped(answered), grouped(rate));
-  if (total_bytes_.value_or(0) != 0) {
-    const std::uint64_t read = stats_.bytes_read.load(std::memory_order_relaxed);
-    line += fmt::format(", {}% of the input", std::min<std::uint64_t>(100, 100 * read / *total_bytes_));
-  }
   // On a terminal one line changes in place; what was longer before is wiped.
-  std::cerr << (show_ == Show::kLine ? "\r" + line + "\x1b[K" : line + "\n") << std::flush;
+  const std::string text = line(answered, rate);
+  std::cerr << (show_ == Show::kLine ? "\r" + text + "\x1b[K" : text + "\n") << std::flush;
   line_open_ = show_ == Show::kLine;
 }
 
+std::string Progress::line(std::uint64_t answered, std::uint64_t rate) const {
+  std::optional<std::uint64_t> percent;
+  if (total_bytes_.value_or(0) != 0) {
+    const std::uint64_t read = std::min(stats_.bytes_read.load(std::memory_order_relaxed), *total_bytes_);
+    percent =
+        static_cast<std::uint64_t>(100.0 * static_cast<double>(read) / static_cast<double>(*total_bytes_));
+  }
+  if (show_ == Show::kJsonLines) {
+    nlohmann::ordered_json progress = {
+        {"numbers", answered}, {"numbers_per_second", rate}, {"percent", nullptr}};
+    if (percent) progress["percent"] = *percent;
+    return nlohmann::ordered_json{{"progress", std::move(progress)}}.dump();
+  }
+  std::string text = fmt::format("callrouter: {} numbers, {} a second", grouped(answered), grouped(rate));
+  if (percent) text += fmt::format(", {}% of the input", *percent);
+  return text;
+}
+
 void Progress::show_bar() {
-  const std::uint64_t total = *total_bytes_;
-  if (!bar_) bar_ = std::make_unique<boost::timer::progress_display>(total, std::cerr, "");
+  if (!bar_) bar_ = std::make_unique<boost::timer::progress_display>(kBarSteps, std::cerr, "");
   // A file that grows while it is read would draw the bar past its end.
-  const std::uint64_t read = std::min(stats_.bytes_read.load(std::memory_order_relaxed), total);
-  *bar_ += static_cast<unsigned long>(read) - bar_->count();
-  line_open_ = read != total;  // the full bar ends its line itself
+  const std::uint64_t read = std::min(stats_.bytes_read.load(std::memory_order_relaxed), *total_bytes_);
+  const double done = static_cast<double>(read) / static_cast<double>(*total_bytes_);
+  *bar_ += static_cast<unsigned long>(done * kBarSteps) - bar_->count();
+  line_open_ = read != *total_bytes_;  // the full bar ends its line itself
 }
 
 }  // namespace callrouter

@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 
 #include "examples/callrouter/stats.h"
 #include "kernel/trigger.h"
@@ -19,7 +20,7 @@ namespace callrouter {
 /// task calls it.
 class Progress {
  public:
-  enum class Show { kNothing, kBar, kLine, kLogLines };
+  enum class Show { kNothing, kBar, kLine, kLogLines, kJsonLines };
 
   /// `total_bytes`: the size of the input, if it has one. Made before the kernel starts and destroyed after it
   /// has stopped: a call of the timer that has begun goes on though the timer is deleted, and uses this object.
@@ -32,12 +33,15 @@ class Progress {
   /// Numbers answered in the last whole second, for the operator. Any thread.
   std::uint64_t last_second() const { return last_second_.load(std::memory_order_relaxed); }
 
-  static Show choose(bool wanted, bool stdout_is_terminal, bool stderr_is_terminal, bool size_known);
+  /// What suits the descriptors.
+  ///   json    where no terminal is, programs read both descriptors
+  static Show choose(bool json, bool stdout_is_terminal, bool stderr_is_terminal, bool size_known);
 
  private:
   static void on_second(OSObj* progress, ADDR, ULONG);
   void show();
   void show_bar();
+  std::string line(std::uint64_t answered, std::uint64_t rate) const;
 
   const Stats& stats_;
   const Show show_;
