@@ -20,7 +20,6 @@ OSTrigger::OSTrigger(OSTrAction initial_action)
       passed_over_(false),
       ready_list_(nullptr),
       tls_owner_(tls),
-      check_walk_(0),
       poll_pass_(0) {
   if (tls_owner_ == nullptr) return;
   const SectionLock lock(&OS_CRITICAL_TRIGGER);

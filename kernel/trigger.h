@@ -112,17 +112,15 @@ class OSKERNEL_API OSTrigger : public OSLinkListObj {
   void ReadyRemove();  ///< leaves the ready list that ReadyAppend chose, whatever `async` is now
 
  private:
-  friend class OSQueue;
   friend class OSTriggerDispatch;
 
   void set_state_locked(OSTrState new_state);
   void signal_if_passed_over_locked();
 
-  bool passed_over_;          ///< a dispatcher found it ready and could do nothing
-  OSLinkList* ready_list_;    ///< the list it was put on while it is ready, else null
-  OSTriggerTLS* tls_owner_;   ///< keeps `tls` alive as long as the trigger
-  std::uint64_t check_walk_;  ///< the last walk along a queue's triggers that checked it
-  std::uint64_t poll_pass_;   ///< the last dispatch pass that checked it on OS_POLL_LIST
+  bool passed_over_;         ///< a dispatcher found it ready and could do nothing
+  OSLinkList* ready_list_;   ///< the list it was put on while it is ready, else null
+  OSTriggerTLS* tls_owner_;  ///< keeps `tls` alive as long as the trigger
+  std::uint64_t poll_pass_;  ///< the last dispatch pass that checked it on OS_POLL_LIST
 };
 
 /// Becomes active when `duration` milliseconds have passed. Periodic when cleared: the next period is measured
