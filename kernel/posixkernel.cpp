@@ -57,6 +57,17 @@ int wait_slice(sem_t* sem, ULONG ms) {
   return result;
 }
 
+/// sem_wait, counted for whoever wants to know whether the thread is stuck in it.
+int wait_for_ever(sem_t* sem) {
+  std::atomic<unsigned>* const count = endless_waits;
+  if (count != nullptr) count->fetch_add(1, std::memory_order_relaxed);
+  const int result = sem_wait(sem);
+  const int error = errno;
+  if (count != nullptr) count->fetch_add(1, std::memory_order_relaxed);
+  errno = error;
+  return result;
+}
+
 /// The live events by number: a handle is looked up for every signal and every wait, and a walk along
 /// KernelEvent::eventList would make each of them as slow as there are events. Under OS_CRITICAL_LINK.
 std::unordered_map<HANDLE, KernelEvent*>& events_by_handle() {
@@ -65,6 +76,8 @@ std::unordered_map<HANDLE, KernelEvent*>& events_by_handle() {
 }
 
 }  // namespace
+
+thread_local std::atomic<unsigned>* endless_waits = nullptr;
 
 // ---- Start and stop ----------------------------------------------------------------------------------------
 
@@ -255,7 +268,7 @@ DWORD WaitForSingleObject(HANDLE handle, unsigned int timeout_ms) {
   lock.leave();
 
   const auto wait = [&]() -> DWORD {
-    if (timeout_ms == kForever) return sem_wait(&state->sem) == 0 ? state->taken() : wait_result(errno);
+    if (timeout_ms == kForever) return wait_for_ever(&state->sem) == 0 ? state->taken() : wait_result(errno);
     const ULONG start = os_clock();
     const ULONG deadline = start + timeout_ms;
     for (;;) {

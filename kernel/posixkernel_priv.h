@@ -2,6 +2,8 @@
 #ifndef OSKERNEL_POSIXKERNEL_PRIV_H
 #define OSKERNEL_POSIXKERNEL_PRIV_H
 
+#include <atomic>
+
 #include "posixkernel.h"
 
 /// Storage whose contents are never destroyed. A process may end by exit() while kernel threads still run; a
@@ -25,6 +27,9 @@ union NeverDestroyedSection {
 inline void init_section(CRITICAL_SECTION* section) {
   if (section->sem == nullptr) InitializeCriticalSection(section);
 }
+
+/// Where the calling thread counts its waits for ever: odd while it is inside one. Null when nobody asks.
+extern thread_local std::atomic<unsigned>* endless_waits __attribute__((tls_model("initial-exec")));
 
 /// Holds a section for a scope. leave() and enter() open a window inside the scope.
 class SectionLock {

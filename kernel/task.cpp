@@ -30,14 +30,18 @@ constexpr UWORD kLowestPriority = 8;
 /// this one's printf and thread start take more than those stacks had to spare.
 constexpr std::size_t kStackMargin_bytes = 64UL * 1024;
 
-/// How long os_cleanup waits for a Main to notice OS_ST_KILL before it leaves the stopping to the task's own
-/// destructor.
-constexpr std::chrono::seconds kStopGrace{2};
+/// os_cleanup tells a task to stop and waits for its Main. A Main that has not come out of one and the same wait
+/// for ever by then waits for something that only the task's own destructor does.
+constexpr std::chrono::seconds kStuckAfter{2};
+/// A Main that neither ends nor waits for ever may be polling a flag of its own; it gets so long.
+constexpr std::chrono::seconds kStopLimit{30};
+constexpr std::chrono::milliseconds kStopSlice{50};
 
 /// The record that object and thread share, with what only this file knows of it.
 struct SharedRecord : OSTaskRecord {
-  int owners = 2;                  // the object and the thread; under OS_CRITICAL_TASK
-  std::binary_semaphore ended{0};  // released once the thread needs its object no more
+  int owners = 2;                          // the object and the thread; under OS_CRITICAL_TASK
+  std::binary_semaphore ended{0};          // released once the thread needs its object no more
+  std::atomic<unsigned> endless_waits{0};  // counted by the thread, see posixkernel_priv.h
 
   void release_locked() {
     if (--owners == 0) delete this;
@@ -48,6 +52,22 @@ struct SharedRecord : OSTaskRecord {
 ULONG recorded_stack_size(ULONG bytes) {
   constexpr ULONG kLargest_bytes = 0xFFFFFFFC;
   return (std::min(std::max(bytes, kSmallestStack_bytes), kLargest_bytes) + 3) & ~ULONG{3};
+}
+
+/// Whether the thread comes to its end, told to stop, without help from its task's destructor.
+bool ends_by_itself(SharedRecord* record) {
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point began_at = Clock::now();
+  Clock::time_point moved_at = began_at;
+  unsigned waits = record->endless_waits.load(std::memory_order_relaxed);
+  while (!record->ended.try_acquire_for(kStopSlice)) {
+    const Clock::time_point now = Clock::now();
+    const unsigned waits_now = record->endless_waits.load(std::memory_order_relaxed);
+    if (waits_now != waits || waits_now % 2 == 0) moved_at = now;
+    waits = waits_now;
+    if (now - moved_at >= kStuckAfter || now - began_at >= kStopLimit) return false;
+  }
+  return true;
 }
 
 SharedRecord* shared(OSTaskRecord* record) { return static_cast<SharedRecord*>(record); }
@@ -80,7 +100,7 @@ void OSTask::stop_for_cleanup() {
   const HANDLE wake = std::atomic_ref(thread_event).load();
   lock.leave();
   if (wake != 0) SetEvent(wake);  // for a Main that waits to be woken
-  const bool ended = record->ended.try_acquire_for(kStopGrace);
+  const bool ended = ends_by_itself(record);
   lock.enter();
   if (ended) {
     detach_record_locked();
@@ -139,6 +159,7 @@ void* OSThreadFunc(void* arg) {
 
   // Read now: once Main runs, the object may be deleted by whoever detaches the record.
   OSTaskRecord* const record = task->start_record_;
+  endless_waits = &shared(record)->endless_waits;
   const OSFunction start_func = task->start_func;
 
   // Runs on a forced unwinding (pthread_exit, pthread_cancel) too, which then goes on.
@@ -166,6 +187,7 @@ void* OSThreadFunc(void* arg) {
 
 void OSThreadCleanup(void* arg) {
   SharedRecord* const record = shared(static_cast<OSTaskRecord*>(arg));
+  endless_waits = nullptr;  // the record may go before the thread does
   SectionLock lock(&OS_CRITICAL_TASK);
   OSTask* const task = record->task;
   if (task != nullptr) {

@@ -62,8 +62,11 @@ class OSKERNEL_API OSTask : public OSLinkListObj {
   ///   threads   the task's own. An exception that leaves it ends the task.
   virtual void Main();
 
-  static void Initialise();    ///< os_startup calls it
-  static void UnInitialise();  ///< os_cleanup calls it: stops and deletes every task still registered
+  static void Initialise();  ///< os_startup calls it
+  /// os_cleanup calls it: tells every task that is still registered to stop, waits for its Main, deletes it. A
+  /// Main that has not come out of one wait for ever after 2 s, or not ended after 30 s, is left to the task's
+  /// own destructor.
+  static void UnInitialise();
 
   /// Stops the task: KILL, detached from its record, joined. Afterwards the object is the caller's to delete.
   ///   threads   any, inside no section that Main needs to return; from the task's own thread no effect

@@ -45,11 +45,11 @@ std::optional<std::uint64_t> check_inputs(const std::vector<std::string>& paths)
 
 ReaderTask::ReaderTask(const Road& road) : OSTask(kPriority, kStackBytes, nullptr, nullptr), road_(road) {
   _LockDelete();  // the object stays its owner's when Main returns
+  OSTaskTag::SetName("reader", thread_id);
   LeaveCriticalSection(&cs);
 }
 
 void ReaderTask::Main() {
-  OSTaskTag::SetName("reader", 0);
   std::uint32_t index = 0;
   while (index < road_.inputs.size() && read_input(index)) ++index;
   complete_ = index == road_.inputs.size();

@@ -41,6 +41,7 @@ OSIORetCode RouterLayer::DataIndication(OSBuf* buf) {
 RouterTask::RouterTask(OSProtectedQueue& queue, OSIO& layer)
     : OSTask(kPriority, kStackBytes, nullptr, nullptr), queue_(queue), layer_(layer) {
   _LockDelete();  // the object stays its owner's when Main returns
+  OSTaskTag::SetName("router", thread_id);
   LeaveCriticalSection(&cs);
 }
 
@@ -50,7 +51,6 @@ void RouterTask::stop() {
 }
 
 void RouterTask::Main() {
-  OSTaskTag::SetName("router", 0);
   OSTrigger::TLSInitialise();
   {
     OSQTrigger lines(&queue_, 1, 0, 0);
