@@ -136,7 +136,12 @@ OSBuf* OSBuf::Duplicate() {
 
 OSBuf* OSBuf::CopyData(const UBYTE* bytes, UWORD len) {
   if (static_cast<long long>(size) <= static_cast<long long>(len) + buffer_headroom()) {
-    // Copied before this buffer is freed: the bytes may be this buffer's own, and its callbacks may release them.
+    const std::uintptr_t offset = buffer_address(bytes) - buffer_address(payload);
+    if (payload == nullptr || offset >= size) {
+      Free();  // first, so that the new buffer may come from the pool that this one returns to
+      return Alloc(bytes, len);
+    }
+    // The bytes are this buffer's own, and its callbacks may release them: copied before it is freed.
     OSBuf* copy = Alloc(bytes, len);
     Free();
     return copy;

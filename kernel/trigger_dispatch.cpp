@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <new>
+#include <semaphore>
 
 #include "kernel/buffer_callback.h"
 #include "kernel/kernel.h"
@@ -33,6 +35,9 @@ constexpr ULONG kSlowAction_ms = 500;
 
 /// Whether os_trig_timer_thread names a thread to join; start and stop only.
 bool timer_thread_exists = false;
+
+/// Ends the timer thread's sleep when it is to stop, so that a stop does not wait for the slice to pass.
+std::binary_semaphore timer_thread_stop{0};
 
 // The events are replaced by start and stop while other threads may still signal; a stale handle is harmless,
 // since numbers are not used again.
@@ -276,7 +281,8 @@ void* OSTriggerTimerThread(void* /*unused*/) {
       delay_ms = OSTriggerDispatch::next_delay_ms_locked();
     }
     if (delay_ms == 0) continue;
-    Sleep(std::min(delay_ms, kTimerSlice_ms));
+    const std::chrono::milliseconds slice(std::min(delay_ms, kTimerSlice_ms));
+    if (timer_thread_stop.try_acquire_for(slice)) break;
     SetEvent(load(os_trig_event));
   }
   return nullptr;
@@ -304,7 +310,11 @@ void OSTrigger::UnInitialise() {
   store(os_trig_event, 0);
   tell(os_trig_timer_done, true);
   SetEvent(load(os_trig_timer_event));
-  if (timer_thread_exists) pthread_join(os_trig_timer_thread, nullptr);
+  if (timer_thread_exists) {
+    timer_thread_stop.release();
+    pthread_join(os_trig_timer_thread, nullptr);
+    timer_thread_stop.try_acquire();  // not taken by a thread that was not asleep
+  }
   timer_thread_exists = false;
   CloseHandle(load(os_trig_timer_event));
 }

@@ -696,6 +696,7 @@ TEST_F(TaskTest, AnExceptionThatLeavesADetachedMainLeavesTheObjectToItsOwner) {
     self._LockDelete();
     throw std::runtime_error("out of Main");
   });
+  ASSERT_TRUE(report.runs.wait());
   EXPECT_TRUE(threads_come_to(0));
   EXPECT_EQ(report.destroyed, 0);
   delete task;
@@ -722,14 +723,18 @@ TEST_F(TaskTest, AThreadThatExitsInsideMainUnwindsAndEndsWithTheCleanUp) {
 
 TEST_F(TaskTest, ACancelledThreadUnwindsAndEndsWithTheCleanUp) {
   Report report;
-  auto* task = new ReportingTask(report, [](ReportingTask&) {
+  Gate named;
+  pthread_t thread{};
+  new ReportingTask(report, [&](ReportingTask&) {
+    thread = pthread_self();
+    named.open();
     for (;;) {
       pthread_testcancel();
       std::this_thread::yield();
     }
   });
-  ASSERT_TRUE(report.runs.wait());
-  EXPECT_EQ(pthread_cancel(task->thread_id), 0);
+  ASSERT_TRUE(named.wait());
+  EXPECT_EQ(pthread_cancel(thread), 0);
   ASSERT_TRUE(report.gone.wait());
   EXPECT_EQ(report.destroyed, 1);
   EXPECT_TRUE(threads_come_to(0));

@@ -673,10 +673,10 @@ TEST_F(TimerThreadAlone, SleepsUntilTheHeadIsDueInSlicesOfThirtyMilliseconds) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
     FakeClock::set(kNow);
-    Timer timer(row.duration, 0);
+    OSTimerTrigger timer(row.duration, 0);
     timer.action = OS_TA_NONE;
-    std::unique_ptr<PollTrigger> poll;
-    if (row.poll) poll = std::make_unique<PollTrigger>(never, nullptr, nullptr, 0u);
+    std::unique_ptr<OSPollTrigger> poll;
+    if (row.poll) poll = std::make_unique<OSPollTrigger>(never, nullptr, nullptr, 0u);
     FakeClock::set(kNow + row.passed);
     const double sleep = shortest_sleep(20);
     EXPECT_GE(sleep, row.least - 0.5);
@@ -685,7 +685,7 @@ TEST_F(TimerThreadAlone, SleepsUntilTheHeadIsDueInSlicesOfThirtyMilliseconds) {
 }
 
 TEST_F(TimerThreadAlone, SleepsOnItsEventWhenNoTimerIsPendingEvenWithPollTriggers) {
-  PollTrigger poll(never, nullptr, nullptr, 0);
+  OSPollTrigger poll(never, nullptr, nullptr, 0);
   drain(os_trig_event);
   for (int i = 0; i < 5; ++i) SetEvent(os_trig_timer_event);
   sem_t* signals = KernelEvent::Find(os_trig_timer_event)->sem;
@@ -701,7 +701,7 @@ TEST_F(TimerThreadAlone, SleepsOnItsEventWhenNoTimerIsPendingEvenWithPollTrigger
 }
 
 TEST_F(TimerThreadAlone, KicksTheTriggerTaskOncePerSignal) {
-  Timer timer(3, 0);
+  OSTimerTrigger timer(3, 0);
   timer.action = OS_TA_NONE;
   drain(os_trig_event);
   for (int i = 0; i < 5; ++i) SetEvent(os_trig_timer_event);
@@ -752,7 +752,7 @@ TEST_F(TriggerTaskAlone, LeavesTheTimerThreadAsleepWhenNoTimerIsPending) {
     return FALSE;
   };
   start_task();
-  PollTrigger poll(run_poll_script, as_obj(&script), nullptr, 0);  // arming kicks the task
+  OSPollTrigger poll(run_poll_script, as_obj(&script), nullptr, 0);  // arming kicks the task
   for (int i = 0; i < 5; ++i) {
     ASSERT_TRUE(tested.wait());
     // By the next test the pass before it has ended, its kick included.
@@ -764,7 +764,7 @@ TEST_F(TriggerTaskAlone, LeavesTheTimerThreadAsleepWhenNoTimerIsPending) {
 }
 
 TEST_F(TriggerTaskAlone, RunsCallbacksAndForgetsTheTimerThatExpired) {
-  Timer timer(100, 0);
+  OSTimerTrigger timer(100, 0);
   Gate ran;
   OSTask* runner = nullptr;
   Script callback = [&] {
@@ -785,7 +785,7 @@ TEST_F(TriggerTaskAlone, RunsCallbacksAndForgetsTheTimerThatExpired) {
     tested.open();
     return FALSE;
   };
-  PollTrigger poll(run_poll_script, as_obj(&script), nullptr, 0);
+  OSPollTrigger poll(run_poll_script, as_obj(&script), nullptr, 0);
   ASSERT_TRUE(tested.wait());
   SetEvent(os_trig_event);
   ASSERT_TRUE(tested.wait());
@@ -832,13 +832,13 @@ TEST_F(RunningKernel, PollTriggersAreAskedOftenWhileATimerIsPendingAndThenNotAtA
   };
   Gate polled;
   Script on_poll = [&polled] { polled.open(); };
-  auto poll = std::make_unique<PollTrigger>(run_poll_script, as_obj(&script), nullptr, 0u);
+  auto poll = std::make_unique<OSPollTrigger>(run_poll_script, as_obj(&script), nullptr, 0u);
   set_script(*poll, on_poll);
 
   // A timer pending: the slices keep coming by themselves.
   Gate expired;
   Script on_expiry = [&expired] { expired.open(); };
-  auto timer = std::make_unique<Timer>(100, 0);
+  auto timer = std::make_unique<OSTimerTrigger>(100, 0);
   set_script(*timer, on_expiry);
   const int before = asked;
   ASSERT_TRUE(wait_until([&] { return asked >= before + 10; }, kPatienceMs));
@@ -869,9 +869,9 @@ TEST_F(RunningKernel, PollTriggersAreAskedOftenWhileATimerIsPendingAndThenNotAtA
 TEST_F(RunningKernel, ANewShorterTimerIsNotSleptPast) {
   Gate ran;
   Script callback = [&ran] { ran.open(); };
-  Timer far(0x7FFFFFFF, 0);
+  OSTimerTrigger far(0x7FFFFFFF, 0);
   far.action = OS_TA_NONE;
-  Timer near(20, 0);
+  OSTimerTrigger near(20, 0);
   set_script(near, callback);
   FakeClock::advance(20);
   EXPECT_TRUE(ran.wait());

@@ -92,7 +92,9 @@ void Progress::show_bar() {
   // A file that grows while it is read would draw the bar past its end.
   const std::uint64_t read = std::min(stats_.bytes_read.load(std::memory_order_relaxed), *total_bytes_);
   const double done = static_cast<double>(read) / static_cast<double>(*total_bytes_);
-  *bar_ += static_cast<unsigned long>(done * kBarSteps) - bar_->count();
+  const auto steps = static_cast<unsigned long>(done * static_cast<double>(kBarSteps));
+  // The display draws a star even for an increment of 0, which a stalled output would turn into a lie.
+  if (steps > bar_->count()) *bar_ += steps - bar_->count();
   line_open_ = read != *total_bytes_;  // the full bar ends its line itself
 }
 
