@@ -176,9 +176,9 @@ void* OSThreadFunc(void* arg) {
     } else {
       start_func();
     }
-  } catch (const abi::__forced_unwind&) {
-    throw;
   } catch (...) {
+    // Only a C++ exception has a type. pthread_exit and pthread_cancel have none and must go on unwinding.
+    if (abi::__cxa_current_exception_type() == nullptr) throw;
     // The task ends here; the process goes on.
     if (Console != nullptr) Console->Print("OSThreadFunc: task %p ended by an exception\r\n", arg);
   }

@@ -186,9 +186,9 @@ TEST_F(CallrouterConsole, ShowsWhatHappensWhileAFileIsRouted) {
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   start({"--quiet", fifo.string()});
   const Descriptor numbers(open(fifo.c_str(), O_RDWR | O_CLOEXEC));
-  std::filesystem::remove(fifo);
   write_all(numbers.get(), "+44 20\nx\n");
   EXPECT_TRUE(shows("+4420 "));
+  std::filesystem::remove(fifo);  // not before the program has opened it
   EXPECT_TRUE(shows("malformed"));
   type("tasks\r");
   EXPECT_TRUE(shows("reader"));
@@ -209,9 +209,9 @@ TEST_F(CallrouterConsole, SignalWhileAFileIsRoutedSaysSoInTheExitCode) {
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   start({"--quiet", fifo.string()});
   const Descriptor numbers(open(fifo.c_str(), O_RDWR | O_CLOEXEC));
-  std::filesystem::remove(fifo);
   write_all(numbers.get(), "+44 20\n");
   EXPECT_TRUE(shows("+4420 "));
+  std::filesystem::remove(fifo);  // not before the program has opened it
   child_->send(SIGTERM);
   ends_with(128 + SIGTERM);
 }
