@@ -15,6 +15,13 @@
 #include "kernel/posixkernel_priv.h"
 
 #if defined(__SANITIZE_THREAD__)
+#define OSKERNEL_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define OSKERNEL_TSAN 1
+#endif
+#endif
+#if defined(OSKERNEL_TSAN)
 #include <sanitizer/tsan_interface.h>
 #endif
 
@@ -50,7 +57,7 @@ int wait_slice(sem_t* sem, ULONG ms) {
     ++until.tv_sec;
   }
   const int result = sem_clockwait(sem, CLOCK_MONOTONIC, &until);
-#if defined(__SANITIZE_THREAD__)
+#if defined(OSKERNEL_TSAN)
   // The sanitizer knows sem_post but not sem_clockwait: tell it what a taken token orders.
   if (result == 0) __tsan_acquire(sem);
 #endif
@@ -201,7 +208,12 @@ KernelEvent::KernelEvent() : handle(0), sem(nullptr), state_(new State) {
   while (events.count(number) != 0) number = after(number);
   handle = number;
   nextHandle = after(number);
-  events.emplace(number, this);
+  try {
+    events.emplace(number, this);
+  } catch (...) {
+    state_->release();
+    throw;
+  }
   // The list's nodes are events, which are no OSListObj: the object only marks the link as listed and is
   // never used as an OSListObj.
   eventList.Append(this, static_cast<OSListObj*>(static_cast<void*>(this)));

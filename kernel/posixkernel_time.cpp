@@ -64,9 +64,11 @@ int open_clock_device() {
 ULONG device_tick(int device) {
   static constinit std::atomic<std::uint32_t> last_tick{0};
   const int saved_errno = errno;
-  std::uint32_t tick = last_tick.load(std::memory_order_relaxed);
+  const std::uint32_t known = last_tick.load(std::memory_order_relaxed);
+  std::uint32_t tick = known;
   ioctl(device, kTickRequest, &tick);
-  last_tick.store(tick, std::memory_order_relaxed);
+  // A request that delivered nothing must not put an old tick in the place of another thread's newer one.
+  if (tick != known) last_tick.store(tick, std::memory_order_relaxed);
   errno = saved_errno;
   return tick;
 }

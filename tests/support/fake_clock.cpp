@@ -24,6 +24,7 @@ std::atomic<int> device_fd{-1};
 int interposed_open(const char* path, int flags, mode_t mode) {
   if (in_use && std::strcmp(path, kDevice) == 0) {
     ++open_count;
+    usleep(2000);  // a device takes its time to open, and two threads may ask first
     // Any readable file gives a real descriptor that the process owns and can close.
     device_fd = static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/dev/null", O_RDONLY | O_CLOEXEC, 0));
     return device_fd;
