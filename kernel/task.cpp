@@ -43,6 +43,11 @@ struct SharedRecord : OSTaskRecord {
   std::binary_semaphore ended{0};          // released once the thread needs its object no more
   std::atomic<unsigned> endless_waits{0};  // counted by the thread, see posixkernel_priv.h
 
+  // What os_cleanup found when it told the task to stop; under OS_CRITICAL_TASK.
+  bool told = false;
+  OSTState state_found = OS_ST_OK;
+  unsigned waits_found = 0;
+
   void release_locked() {
     if (--owners == 0) delete this;
   }
@@ -54,20 +59,19 @@ ULONG recorded_stack_size(ULONG bytes) {
   return (std::min(std::max(bytes, kSmallestStack_bytes), kLargest_bytes) + 3) & ~ULONG{3};
 }
 
-/// Whether the thread comes to its end, told to stop, without help from its task's destructor.
-bool ends_by_itself(SharedRecord* record) {
-  using Clock = std::chrono::steady_clock;
-  const Clock::time_point began_at = Clock::now();
-  Clock::time_point moved_at = began_at;
-  unsigned waits = record->endless_waits.load(std::memory_order_relaxed);
-  while (!record->ended.try_acquire_for(kStopSlice)) {
-    const Clock::time_point now = Clock::now();
+/// Whether the thread, told to stop at that time, comes to its end without help from its task's destructor.
+bool ends_by_itself(SharedRecord* record, std::chrono::steady_clock::time_point told_at) {
+  auto moved_at = told_at;
+  unsigned waits = record->waits_found;
+  for (;;) {
+    if (record->ended.try_acquire()) return true;
+    const auto now = std::chrono::steady_clock::now();
     const unsigned waits_now = record->endless_waits.load(std::memory_order_relaxed);
     if (waits_now != waits || waits_now % 2 == 0) moved_at = now;
     waits = waits_now;
-    if (now - moved_at >= kStuckAfter || now - began_at >= kStopLimit) return false;
+    if (now - moved_at >= kStuckAfter || now - told_at >= kStopLimit) return false;
+    if (record->ended.try_acquire_for(kStopSlice)) return true;
   }
-  return true;
 }
 
 SharedRecord* shared(OSTaskRecord* record) { return static_cast<SharedRecord*>(record); }
@@ -89,40 +93,61 @@ void OSTask::Initialise() {
   OSTaskTag::all_tags = new OSIndirectList(1);
 }
 
-/// Stops the task's thread before the derived part of the object is destroyed under it. A Main that ends only
-/// on what its own destructor does is left to that destructor, in the state in which it was found.
-void OSTask::stop_for_cleanup() {
+void OSTask::tell_to_stop_locked() {
+  if (!has_thread_ || task_record == nullptr || is_own_thread_locked()) return;
+  SharedRecord* const record = shared(task_record);
+  record->task = nullptr;  // from here on the thread does not delete its task
+  if (record->told) return;
+  record->told = true;
+  record->waits_found = record->endless_waits.load(std::memory_order_relaxed);
+  record->state_found = std::atomic_ref(state).load(std::memory_order_relaxed);
+  set_state(OS_ST_KILL);
+  const HANDLE wake = std::atomic_ref(thread_event).load();
+  if (wake != 0) SetEvent(wake);  // for a Main that waits to be woken
+}
+
+/// Waits for the end of the task's thread before the derived part of the object is destroyed under it. A Main
+/// that ends only on what its own destructor does is left to that destructor, in the state in which it was found.
+void OSTask::wait_until_stopped(std::chrono::steady_clock::time_point told_at) {
   SectionLock lock(&OS_CRITICAL_TASK);
   if (!has_thread_ || task_record == nullptr || is_own_thread_locked()) return;
   SharedRecord* const record = shared(task_record);
-  const OSTState found = std::atomic_ref(state).load(std::memory_order_relaxed);
-  set_state(OS_ST_KILL);
-  const HANDLE wake = std::atomic_ref(thread_event).load();
   lock.leave();
-  if (wake != 0) SetEvent(wake);  // for a Main that waits to be woken
-  const bool ended = ends_by_itself(record);
+  const bool ended = ends_by_itself(record, told_at);
   lock.enter();
   if (ended) {
     detach_record_locked();
     join_locked();
   } else {
-    set_state(found);
+    set_state(record->state_found);
   }
 }
 
 void OSTask::UnInitialise() {
-  while (all_tasks != nullptr) {
+  if (all_tasks == nullptr) return;
+  const auto as_task = [](OSListObj* object) {
+    return static_cast<OSTask*>(static_cast<OSLinkListObj*>(object));
+  };
+  // All are told before the first is waited for, so that they stop side by side.
+  const auto told_at = std::chrono::steady_clock::now();
+  {
+    const SectionLock lock(&OS_CRITICAL_TASK);
+    OSListIterator tasks(all_tasks);
+    while (OSListObj* const object = tasks++) as_task(object)->tell_to_stop_locked();
+  }
+  for (;;) {
     OSTask* task = nullptr;
     {
       const SectionLock lock(&OS_CRITICAL_TASK);
       OSListObj* const first = all_tasks->FirstObject();
       if (first == nullptr) break;
       // From here on the task is ours: unregistered and, whatever its thread does, not deleted by it.
-      task = static_cast<OSTask*>(static_cast<OSLinkListObj*>(first));
+      task = as_task(first);
       all_tasks->Remove(first);
       if (task->task_record != nullptr) task->task_record->task = nullptr;
+      task->tell_to_stop_locked();  // one that was made meanwhile
     }
-    task->stop_for_cleanup();
+    task->wait_until_stopped(told_at);
     delete task;
   }
   for (int busy = self_deleting.load(); busy != 0; busy = self_deleting.load()) self_deleting.wait(busy);

@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 
+#include <chrono>
 #include <mutex>
 
 #include "kernel.h"
@@ -134,7 +135,8 @@ class OSKERNEL_API OSTask : public OSLinkListObj {
   void detach_record_locked();
   void join_locked();
   bool claim_wake(UWORD code, HANDLE* event);
-  void stop_for_cleanup();
+  void tell_to_stop_locked();
+  void wait_until_stopped(std::chrono::steady_clock::time_point told_at);
 
   /// Orders Snooze, Wake and the writing of KILL; a leaf, held over no call.
   std::mutex wake_mutex_;
