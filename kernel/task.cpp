@@ -322,6 +322,13 @@ bool OSTask::is_own_thread_locked() {
   return thread_id != 0 && pthread_equal(thread_id, pthread_self()) != 0;
 }
 
+/// Whether somebody has stopped the task, or told it to stop and answers for the rest. What os_cleanup has told
+/// a task does not count: a destructor that stops other tasks relies on Kill joining them.
+bool OSTask::is_stopped_locked() {
+  if (std::atomic_ref(state).load() != OS_ST_KILL) return false;
+  return task_record == nullptr || !shared(task_record)->told;
+}
+
 void OSTask::set_state(OSTState new_state) {
   const std::lock_guard<std::mutex> lock(wake_mutex_);
   std::atomic_ref(state).store(new_state);
@@ -346,7 +353,7 @@ void OSTask::join_locked() {
 
 void OSTask::Kill() {
   const SectionLock lock(&OS_CRITICAL_TASK);
-  if (std::atomic_ref(state).load() == OS_ST_KILL || is_own_thread_locked()) return;
+  if (is_stopped_locked() || is_own_thread_locked()) return;
   set_state(OS_ST_KILL);
   detach_record_locked();
   join_locked();
@@ -354,7 +361,7 @@ void OSTask::Kill() {
 
 void OSTask::_StopThread() {
   const SectionLock lock(&OS_CRITICAL_TASK);
-  if (std::atomic_ref(state).load() == OS_ST_KILL) return;
+  if (is_stopped_locked()) return;
   set_state(OS_ST_KILL);
   detach_record_locked();
   if (!is_own_thread_locked()) {

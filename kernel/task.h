@@ -131,6 +131,7 @@ class OSKERNEL_API OSTask : public OSLinkListObj {
 
   int start_thread(ULONG stack_bytes);
   bool is_own_thread_locked();
+  bool is_stopped_locked();
   void set_state(OSTState new_state);
   void detach_record_locked();
   void join_locked();
