@@ -631,10 +631,13 @@ class TimerThreadAlone : public DispatchPass {
     EXPECT_EQ(result_, nullptr);
   }
 
-  /// The shortest of several sleeps in ms: what the thread means to sleep, whatever else the machine does.
-  double shortest_sleep(int rounds = 8) {
+  /// The shortest of several sleeps in ms: what the thread means to sleep, whatever else the machine does. On a
+  /// busy machine every one of a few may be stretched, so it goes on, for 20 s at most, until one is short enough.
+  double shortest_sleep(double short_enough) {
+    constexpr int kRounds = 8;
+    const auto give_up_at = SteadyClock::now() + std::chrono::seconds(20);
     double shortest = 1e9;
-    for (int i = 0; i < rounds; ++i) {
+    for (int i = 0; i < kRounds || (shortest > short_enough && SteadyClock::now() < give_up_at); ++i) {
       drain(os_trig_event);
       const auto begin = SteadyClock::now();
       SetEvent(os_trig_timer_event);
@@ -678,7 +681,7 @@ TEST_F(TimerThreadAlone, SleepsUntilTheHeadIsDueInSlicesOfThirtyMilliseconds) {
     std::unique_ptr<OSPollTrigger> poll;
     if (row.poll) poll = std::make_unique<OSPollTrigger>(never, nullptr, nullptr, 0u);
     FakeClock::set(kNow + row.passed);
-    const double sleep = shortest_sleep(20);
+    const double sleep = shortest_sleep(row.most);
     EXPECT_GE(sleep, row.least - 0.5);
     EXPECT_LE(sleep, row.most);
   }
