@@ -1004,7 +1004,7 @@ TEST_F(BufferPools, SizesBeyondSixteenBitsNeverPromiseMoreThanThereIs) {
 }
 
 TEST_F(BufferPools, ABlockOfMoreThanFourGigabytesIsNotComputedInThirtyTwoBits) {
-  if (sizeof(std::size_t) < 8) GTEST_SKIP() << "no such block on this platform";
+  if (sizeof(std::size_t) < 8) GTEST_SKIP() << "needs a 64-bit size_t for a block over 4 GiB";
   cfg.buf_size[3] = 60000;
   cfg.buf_qty[3] = 72000;  // 4.3e9 bytes; in 32 bits a few megabytes would seem enough
   cfg.buf_qty[0] = cfg.buf_qty[1] = cfg.buf_qty[2] = 1;
