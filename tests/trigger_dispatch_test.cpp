@@ -1275,8 +1275,8 @@ TEST_F(RunningDispatch, ASnoozingTaskIsWokenWithTheReasonOfEachKind) {
   PollScript script = [&holds](OSTrigger*) -> BOOL { return holds; };
   OSPollTrigger poll(run_poll_script, as_obj(&script), nullptr, 0);
   poll.SetTask(task.get());
+  poll.Cancel();  // so that nobody asks it between the next two lines
   holds = TRUE;
-  poll.Cancel();
   poll.Clear();
   ASSERT_TRUE(task->woken.wait());
   EXPECT_EQ(task->code, 2);
