@@ -196,19 +196,35 @@ inline void write_all(int fd, std::string_view text) {
   }
 }
 
+/// The program with a pipe at each of its first three descriptors; the test holds the other ends.
+class PipedChild {
+  Pipe in_pipe_, out_pipe_, err_pipe_;
+
+ public:
+  explicit PipedChild(std::vector<std::string> arguments)
+      : child(std::move(arguments), in_pipe_.read.get(), out_pipe_.write.get(), err_pipe_.write.get()),
+        in(std::move(in_pipe_.write)),
+        out(std::move(out_pipe_.read)),
+        err(std::move(err_pipe_.read)) {
+    // Kept open here, these would hide that the program has closed them.
+    in_pipe_.read.reset();
+    out_pipe_.write.reset();
+    err_pipe_.write.reset();
+  }
+
+  Child child;
+  Descriptor in, out, err;
+};
+
 inline Outcome run_program(std::vector<std::string> arguments, std::string_view input = "") {
-  Pipe in, out, err;
-  Child child(std::move(arguments), in.read.get(), out.write.get(), err.write.get());
-  in.read.reset();
-  out.write.reset();
-  err.write.reset();
-  Collector out_text(std::move(out.read)), err_text(std::move(err.read));
+  PipedChild program(std::move(arguments));
+  Collector out_text(std::move(program.out)), err_text(std::move(program.err));
   std::thread feeder([&] {
-    write_all(in.write.get(), input);
-    in.write.reset();
+    write_all(program.in.get(), input);
+    program.in.reset();
   });
-  const int exit_code = child.wait().exit_code;
-  if (exit_code < 0) child.send(SIGKILL);
+  const int exit_code = program.child.wait().exit_code;
+  if (exit_code < 0) program.child.send(SIGKILL);
   feeder.join();
   return {exit_code, out_text.all(), err_text.all()};
 }

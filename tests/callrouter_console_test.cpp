@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -44,6 +43,20 @@ class CallrouterConsole : public ::testing::Test {
     child_ = std::make_unique<Child>(std::move(arguments), slave, slave, slave, true);
     screen_ = std::make_unique<Collector>(Descriptor(master));
     ASSERT_TRUE(shows("> "));
+  }
+
+  // Starts on a named pipe and sends a first number. The input lasts as long as the result is kept open.
+  Descriptor start_on_a_fifo() {
+    const std::filesystem::path fifo =
+        std::filesystem::temp_directory_path() / ("callrouter_fifo_" + std::to_string(getpid()));
+    std::filesystem::remove(fifo);
+    EXPECT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    start({"--quiet", fifo.string()});
+    Descriptor numbers(open(fifo.c_str(), O_RDWR | O_CLOEXEC));
+    write_all(numbers.get(), "+44 20\n");
+    EXPECT_TRUE(shows("+4420 "));
+    std::filesystem::remove(fifo);  // not before the program has opened it
+    return numbers;
   }
 
   void type(std::string_view text) { write_all(keyboard_.get(), text); }
@@ -180,15 +193,8 @@ TEST_F(CallrouterConsole, SignalEndsItAndGivesTheTerminalBack) {
 }
 
 TEST_F(CallrouterConsole, ShowsWhatHappensWhileAFileIsRouted) {
-  const std::filesystem::path fifo =
-      std::filesystem::temp_directory_path() / ("callrouter_fifo_" + std::to_string(getpid()));
-  std::filesystem::remove(fifo);
-  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  start({"--quiet", fifo.string()});
-  const Descriptor numbers(open(fifo.c_str(), O_RDWR | O_CLOEXEC));
-  write_all(numbers.get(), "+44 20\nx\n");
-  EXPECT_TRUE(shows("+4420 "));
-  std::filesystem::remove(fifo);  // not before the program has opened it
+  const Descriptor numbers = start_on_a_fifo();
+  write_all(numbers.get(), "x\n");
   EXPECT_TRUE(shows("malformed"));
   type("tasks\r");
   EXPECT_TRUE(shows("reader"));
@@ -203,15 +209,7 @@ TEST_F(CallrouterConsole, ShowsWhatHappensWhileAFileIsRouted) {
 }
 
 TEST_F(CallrouterConsole, SignalWhileAFileIsRoutedSaysSoInTheExitCode) {
-  const std::filesystem::path fifo =
-      std::filesystem::temp_directory_path() / ("callrouter_fifo_" + std::to_string(getpid()));
-  std::filesystem::remove(fifo);
-  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  start({"--quiet", fifo.string()});
-  const Descriptor numbers(open(fifo.c_str(), O_RDWR | O_CLOEXEC));
-  write_all(numbers.get(), "+44 20\n");
-  EXPECT_TRUE(shows("+4420 "));
-  std::filesystem::remove(fifo);  // not before the program has opened it
+  const Descriptor numbers = start_on_a_fifo();
   child_->send(SIGTERM);
   ends_with(128 + SIGTERM);
 }

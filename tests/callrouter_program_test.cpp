@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -52,6 +51,25 @@ std::vector<std::string> lines_of(const std::string& text) {
   std::istringstream stream(text);
   for (std::string line; std::getline(stream, line);) lines.push_back(line);
   return lines;
+}
+
+// As `yes +4420 |` would: until the program has ended.
+void feed_without_end(const Descriptor& pipe) {
+  std::string block;
+  for (int i = 0; i < 1000; ++i) block += "+4420\n";
+  while (write(pipe.get(), block.data(), block.size()) > 0) {
+  }
+}
+
+// A run on descriptors that are no pipes; -1 is a closed one. The answers go where `out` goes.
+Outcome run_on(std::vector<std::string> arguments, int in, int out) {
+  Pipe err;
+  Child child(std::move(arguments), in, out, err.write.get());
+  err.write.reset();
+  Collector text(std::move(err.read));
+  const int exit_code = child.wait().exit_code;
+  if (exit_code < 0) child.send(SIGKILL);
+  return {exit_code, "", text.all()};
 }
 
 TEST_F(CallrouterProgram, AnswersEveryLineAndCountsThem) {
@@ -146,19 +164,12 @@ TEST_F(CallrouterProgram, FilesThatCannotBeReadAreNamedBeforeAnyOutput) {
 
 TEST_F(CallrouterProgram, InputThatFailsAtReadingIsNamed) {
   const Descriptor directory(open(directory_.c_str(), O_RDONLY | O_CLOEXEC));
-  Pipe err;
-  Child child({"--quiet"}, directory.get(), -1, err.write.get());
-  err.write.reset();
-  Collector text(std::move(err.read));
-  EXPECT_EQ(child.wait().exit_code, 2);
-  EXPECT_EQ(text.all(), "callrouter: standard input: Is a directory\n");
-
-  Pipe err2;
-  Child closed({"--quiet"}, -1, -1, err2.write.get());
-  err2.write.reset();
-  Collector text2(std::move(err2.read));
-  EXPECT_EQ(closed.wait().exit_code, 2);
-  EXPECT_EQ(text2.all(), "callrouter: standard input: Bad file descriptor\n");
+  const Outcome run = run_on({"--quiet"}, directory.get(), -1);
+  EXPECT_EQ(run.exit_code, 2);
+  EXPECT_EQ(run.err, "callrouter: standard input: Is a directory\n");
+  const Outcome closed = run_on({"--quiet"}, -1, -1);
+  EXPECT_EQ(closed.exit_code, 2);
+  EXPECT_EQ(closed.err, "callrouter: standard input: Bad file descriptor\n");
 }
 
 TEST_F(CallrouterProgram, MistakesOnTheCommandLineAreExplained) {
@@ -232,17 +243,14 @@ TEST_F(CallrouterProgram, LineOfTenMegabytesIsOneLine) {
 }
 
 TEST_F(CallrouterProgram, TypedLineIsAnsweredAtOnce) {
-  Pipe in, out;
-  Child child({"--quiet"}, in.read.get(), out.write.get(), 2);
-  in.read.reset();
-  out.write.reset();
-  Collector text(std::move(out.read));
+  PipedChild program({"--quiet"});
+  Collector text(std::move(program.out));
   for (const char* prefix : {"44", "45", "46"}) {
-    write_all(in.write.get(), std::string("+") + prefix + "20\n");
+    write_all(program.in.get(), std::string("+") + prefix + "20\n");
     ASSERT_TRUE(text.wait_for(std::string("+") + prefix + "20 "));
   }
-  in.write.reset();
-  EXPECT_EQ(child.wait().exit_code, 0);
+  program.in.reset();
+  EXPECT_EQ(program.child.wait().exit_code, 0);
 }
 
 // ---- a long input
@@ -263,28 +271,24 @@ std::string nth_line(std::uint64_t i) {
 }
 
 TEST_F(CallrouterProgram, MillionNumbersArriveInOrderInLittleMemory) {
-  Pipe in, out, err;
-  Child child({}, in.read.get(), out.write.get(), err.write.get());
-  in.read.reset();
-  out.write.reset();
-  err.write.reset();
-  Collector err_text(std::move(err.read));
-  std::thread feeder([&in] {
+  PipedChild program({});
+  Collector err_text(std::move(program.err));
+  std::thread feeder([&program] {
     std::string block;
     for (std::uint64_t i = 0; i < kNumbers; ++i) {
       block += nth_line(i) + "\n";
       if (block.size() > 30000 || i + 1 == kNumbers) {
-        write_all(in.write.get(), block);
+        write_all(program.in.get(), block);
         block.clear();
       }
     }
-    in.write.reset();
+    program.in.reset();
   });
 
   std::uint64_t arrived = 0, wrong = 0;
   std::string text;
   char block[65536];
-  for (ssize_t got; (got = read(out.read.get(), block, sizeof block)) > 0;) {
+  for (ssize_t got; (got = read(program.out.get(), block, sizeof block)) > 0;) {
     text.append(block, static_cast<std::size_t>(got));
     std::size_t at = 0;
     for (std::size_t end; (end = text.find('\n', at)) != std::string::npos; at = end + 1, ++arrived) {
@@ -300,7 +304,7 @@ TEST_F(CallrouterProgram, MillionNumbersArriveInOrderInLittleMemory) {
     text.erase(0, at);
   }
   feeder.join();
-  const Child::Result result = child.wait();
+  const Child::Result result = program.child.wait();
   EXPECT_EQ(result.exit_code, 0);
   EXPECT_EQ(arrived, kNumbers);
   EXPECT_EQ(wrong, 0u);
@@ -315,75 +319,50 @@ TEST_F(CallrouterProgram, MillionNumbersArriveInOrderInLittleMemory) {
 // ---- endings
 
 TEST_F(CallrouterProgram, OutputClosedEarlyEndsQuietly) {
-  Pipe in, out, err;
-  Child child({}, in.read.get(), out.write.get(), err.write.get());
-  in.read.reset();
-  out.write.reset();
-  err.write.reset();
-  Collector err_text(std::move(err.read));
-  std::thread feeder([&in] {
-    // Without an end, as `yes +4420 |` would feed it.
-    std::string block;
-    for (int i = 0; i < 1000; ++i) block += "+4420\n";
-    while (write(in.write.get(), block.data(), block.size()) > 0) {
-    }
-  });
+  PipedChild program({});
+  Collector err_text(std::move(program.err));
+  std::thread feeder([&program] { feed_without_end(program.in); });
   char text[100];
-  EXPECT_GT(read(out.read.get(), text, sizeof text), 0);
-  out.read.reset();
-  EXPECT_EQ(child.wait().exit_code, 0);
+  EXPECT_GT(read(program.out.get(), text, sizeof text), 0);
+  program.out.reset();
+  EXPECT_EQ(program.child.wait().exit_code, 0);
   feeder.join();
   // Only the progress of a long wait may stand there.
   EXPECT_THAT(err_text.all(), Not(HasSubstr("routed")));
 }
 
 TEST_F(CallrouterProgram, OutputClosedWhileTheInputIsSilentEndsToo) {
-  Pipe in, out;
-  Child child({"--quiet"}, in.read.get(), out.write.get(), 2);
-  in.read.reset();
-  out.write.reset();
-  write_all(in.write.get(), "+4420\n");
+  PipedChild program({"--quiet"});
+  write_all(program.in.get(), "+4420\n");
   char text[100];
-  EXPECT_GT(read(out.read.get(), text, sizeof text), 0);
-  out.read.reset();
-  EXPECT_EQ(child.wait().exit_code, 0);
+  EXPECT_GT(read(program.out.get(), text, sizeof text), 0);
+  program.out.reset();
+  EXPECT_EQ(program.child.wait().exit_code, 0);
 }
 
 TEST_F(CallrouterProgram, OutputThatCannotBeWrittenIsAnError) {
   const Descriptor full(open("/dev/full", O_WRONLY | O_CLOEXEC));
-  const std::string numbers = file("numbers", "+44 20\n");
-  Pipe err;
-  Child child({"--quiet", numbers}, -1, full.get(), err.write.get());
-  err.write.reset();
-  Collector text(std::move(err.read));
-  EXPECT_EQ(child.wait().exit_code, 1);
-  EXPECT_EQ(text.all(), "callrouter: standard output: No space left on device\n");
+  const Outcome run = run_on({"--quiet", file("numbers", "+44 20\n")}, -1, full.get());
+  EXPECT_EQ(run.exit_code, 1);
+  EXPECT_EQ(run.err, "callrouter: standard output: No space left on device\n");
 }
 
 TEST_F(CallrouterProgram, ClosedStandardOutputIsAnErrorAndNoFileIsTakenForIt) {
-  const std::string numbers = file("numbers", "+44 20\n");
-  Pipe err;
-  Child child({"--quiet", numbers}, -1, -1, err.write.get());
-  err.write.reset();
-  Collector text(std::move(err.read));
-  EXPECT_EQ(child.wait().exit_code, 1);
-  EXPECT_EQ(text.all(), "callrouter: standard output: Bad file descriptor\n");
+  const Outcome run = run_on({"--quiet", file("numbers", "+44 20\n")}, -1, -1);
+  EXPECT_EQ(run.exit_code, 1);
+  EXPECT_EQ(run.err, "callrouter: standard output: Bad file descriptor\n");
 }
 
 class CallrouterSignal : public CallrouterProgram, public ::testing::WithParamInterface<int> {};
 
 TEST_P(CallrouterSignal, EndsCleanlyWithWhatWasReadAnswered) {
-  Pipe in, out, err;
-  Child child({}, in.read.get(), out.write.get(), err.write.get());
-  in.read.reset();
-  out.write.reset();
-  err.write.reset();
-  Collector out_text(std::move(out.read)), err_text(std::move(err.read));
+  PipedChild program({});
+  Collector out_text(std::move(program.out)), err_text(std::move(program.err));
   // The last line has no end yet: half a number must not be routed.
-  write_all(in.write.get(), "+44 20\n+45 20\n+46");
+  write_all(program.in.get(), "+44 20\n+45 20\n+46");
   ASSERT_TRUE(out_text.wait_for("+4520 "));
-  child.send(GetParam());
-  EXPECT_EQ(child.wait().exit_code, 128 + GetParam());
+  program.child.send(GetParam());
+  EXPECT_EQ(program.child.wait().exit_code, 128 + GetParam());
   EXPECT_EQ(lines_of(out_text.all()).size(), 2u);
   EXPECT_THAT(err_text.all(), HasSubstr("routed 2, unroutable 0, malformed 0: 2 numbers in "));
 }
@@ -413,45 +392,25 @@ bool fills_up(const Descriptor& pipe) {
 }
 
 TEST_F(CallrouterProgram, SignalEndsItThoughNobodyTakesTheAnswers) {
-  Pipe in, out, err;
-  Child child({}, in.read.get(), out.write.get(), err.write.get());
-  in.read.reset();
-  out.write.reset();
-  err.write.reset();
-  Collector err_text(std::move(err.read));
-  std::atomic<bool> over{false};
-  std::thread feeder([&] {
-    std::string block;
-    for (int i = 0; i < 1000; ++i) block += "+4420\n";
-    while (!over && write(in.write.get(), block.data(), block.size()) > 0) {
-    }
-  });
-  EXPECT_TRUE(fills_up(out.read));
-  child.send(SIGTERM);
-  EXPECT_EQ(child.wait().exit_code, 128 + SIGTERM);
-  over = true;
+  PipedChild program({});
+  Collector err_text(std::move(program.err));
+  std::thread feeder([&program] { feed_without_end(program.in); });
+  EXPECT_TRUE(fills_up(program.out));
+  program.child.send(SIGTERM);
+  EXPECT_EQ(program.child.wait().exit_code, 128 + SIGTERM);
   feeder.join();
   EXPECT_THAT(err_text.all(), HasSubstr("ended while nobody took the answers; some are lost"));
 }
 
 TEST_F(CallrouterProgram, SecondSignalEndsItAtOnce) {
-  Pipe in, out, err;
-  Child child({}, in.read.get(), out.write.get(), err.write.get());
-  in.read.reset();
-  out.write.reset();
-  err.write.reset();
-  Collector err_text(std::move(err.read));
-  std::thread feeder([&] {
-    std::string block;
-    for (int i = 0; i < 1000; ++i) block += "+4420\n";
-    while (write(in.write.get(), block.data(), block.size()) > 0) {
-    }
-  });
-  EXPECT_TRUE(fills_up(out.read));
-  child.send(SIGTERM);
-  child.send(SIGINT);
+  PipedChild program({});
+  Collector err_text(std::move(program.err));
+  std::thread feeder([&program] { feed_without_end(program.in); });
+  EXPECT_TRUE(fills_up(program.out));
+  program.child.send(SIGTERM);
+  program.child.send(SIGINT);
   // Two signals that are pending at once may be delivered in either order.
-  EXPECT_THAT(child.wait().exit_code, ::testing::AnyOf(128 + SIGINT, 128 + SIGTERM));
+  EXPECT_THAT(program.child.wait().exit_code, ::testing::AnyOf(128 + SIGINT, 128 + SIGTERM));
   feeder.join();
   EXPECT_THAT(err_text.all(), Not(HasSubstr("routed")));
 }
@@ -459,30 +418,22 @@ TEST_F(CallrouterProgram, SecondSignalEndsItAtOnce) {
 // ---- progress
 
 TEST_F(CallrouterProgram, LongInputShowsProgressInLinesWhereNoTerminalIs) {
-  Pipe in, out, err;
-  Child child({}, in.read.get(), out.write.get(), err.write.get());
-  in.read.reset();
-  out.write.reset();
-  err.write.reset();
-  Collector out_text(std::move(out.read)), err_text(std::move(err.read));
-  write_all(in.write.get(), "+44 20\n+44 20\n");
+  PipedChild program({});
+  Collector out_text(std::move(program.out)), err_text(std::move(program.err));
+  write_all(program.in.get(), "+44 20\n+44 20\n");
   EXPECT_TRUE(err_text.wait_for("callrouter: 2 numbers, "));
   EXPECT_TRUE(err_text.wait_for("callrouter: 2 numbers, 0 a second\n"));
-  in.write.reset();
-  EXPECT_EQ(child.wait().exit_code, 0);
+  program.in.reset();
+  EXPECT_EQ(program.child.wait().exit_code, 0);
 }
 
 TEST_F(CallrouterProgram, EveryLineOfStandardErrorIsJsonWhereTheAnswersAre) {
-  Pipe in, out, err;
-  Child child({"--json"}, in.read.get(), out.write.get(), err.write.get());
-  in.read.reset();
-  out.write.reset();
-  err.write.reset();
-  Collector out_text(std::move(out.read)), err_text(std::move(err.read));
-  write_all(in.write.get(), "+44 20\n");
+  PipedChild program({"--json"});
+  Collector out_text(std::move(program.out)), err_text(std::move(program.err));
+  write_all(program.in.get(), "+44 20\n");
   EXPECT_TRUE(err_text.wait_for("}\n"));
-  in.write.reset();
-  EXPECT_EQ(child.wait().exit_code, 0);
+  program.in.reset();
+  EXPECT_EQ(program.child.wait().exit_code, 0);
   const auto lines = lines_of(err_text.all());
   ASSERT_GE(lines.size(), 2u);
   EXPECT_EQ(nlohmann::json::parse(lines[0])["progress"]["numbers"], 1);

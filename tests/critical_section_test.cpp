@@ -305,23 +305,6 @@ TEST_F(CriticalSection, SecondTryEnterByTheSameThreadFails) {
   EXPECT_EQ(TryEnterCriticalSection(&section), 0);
 }
 
-void ignore_signal(int) {}
-
-/// Signals of this number interrupt what a thread waits for: there is no SA_RESTART.
-class InterruptingHandler {
- public:
-  explicit InterruptingHandler(int number) : number_(number) {
-    struct sigaction action = {};
-    action.sa_handler = ignore_signal;
-    sigaction(number, &action, &before_);
-  }
-  ~InterruptingHandler() { sigaction(number_, &before_, nullptr); }
-
- private:
-  int number_;
-  struct sigaction before_ = {};
-};
-
 TEST_F(CriticalSection, InterruptedEnterIsPrintedAndTheSectionIsStillTaken) {
   const InterruptingHandler handler(SIGUSR1);
   const std::string line = "EnterCriticalSection - sem_wait error " + std::to_string(EINTR);

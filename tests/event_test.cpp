@@ -49,23 +49,6 @@ double now_ms() {
   return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
 }
 
-void ignore_signal(int) {}
-
-/// Signals of this number interrupt what a thread waits for: there is no SA_RESTART.
-class InterruptingHandler {
- public:
-  explicit InterruptingHandler(int number) : number_(number) {
-    struct sigaction action = {};
-    action.sa_handler = ignore_signal;
-    sigaction(number, &action, &before_);
-  }
-  ~InterruptingHandler() { sigaction(number_, &before_, nullptr); }
-
- private:
-  int number_;
-  struct sigaction before_ = {};
-};
-
 class Event : public KernelTest {
  protected:
   void SetUp() override {

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -106,6 +107,21 @@ class WatchedThread {
   std::atomic<pid_t> tid_{0};
   std::atomic<bool> done_{false};
   std::thread thread_;
+};
+
+/// Signals of this number interrupt what a thread waits for: there is no SA_RESTART.
+class InterruptingHandler {
+ public:
+  explicit InterruptingHandler(int number) : number_(number) {
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    sigaction(number, &action, &before_);
+  }
+  ~InterruptingHandler() { sigaction(number_, &before_, nullptr); }
+
+ private:
+  int number_;
+  struct sigaction before_ = {};
 };
 
 }  // namespace oskernel_test
