@@ -20,6 +20,13 @@ if(OSKERNEL_ASSERTS)
   add_compile_options($<$<CONFIG:RelWithDebInfo>:-UNDEBUG>)
 endif()
 
+# What is shipped does not pay for it; see kernel/posixkernel_order.cpp.
+if(OSKERNEL_SANITIZE)
+  add_compile_definitions(OSKERNEL_CHECK_LOCK_ORDER)
+else()
+  add_compile_definitions($<$<CONFIG:Debug>:OSKERNEL_CHECK_LOCK_ORDER>)
+endif()
+
 if(OSKERNEL_SANITIZE)
   if(NOT OSKERNEL_SANITIZE MATCHES "^(address|undefined|address,undefined|thread)$")
     message(FATAL_ERROR "OSKERNEL_SANITIZE is '${OSKERNEL_SANITIZE}': "

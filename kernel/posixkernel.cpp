@@ -153,6 +153,7 @@ void EnterCriticalSection(CRITICAL_SECTION* section) {
     if (Console != nullptr) Console->Fatal("EnterCriticalSection Not Initialized");
     return;
   }
+  check_section_order(section);
   const bool held = owner != 0;  // by another thread, a moment ago
   while (!(held && take_soon(sem)) && sem_wait(sem) != 0) {
     const int error = errno;
@@ -161,6 +162,7 @@ void EnterCriticalSection(CRITICAL_SECTION* section) {
   }
   owner_of(section).store(self, std::memory_order_relaxed);
   ++section->owner_count;
+  note_section_entered(section);
 }
 
 void LeaveCriticalSection(CRITICAL_SECTION* section) {
@@ -171,6 +173,7 @@ void LeaveCriticalSection(CRITICAL_SECTION* section) {
     return;
   }
   if (--section->owner_count > 0) return;
+  note_section_left(section);
   owner_of(section).store(0, std::memory_order_relaxed);
   sem_post(sem);  // from here on the section may be gone
 }

@@ -28,6 +28,18 @@ inline void init_section(CRITICAL_SECTION* section) {
   if (section->sem == nullptr) InitializeCriticalSection(section);
 }
 
+/// What Debug and sanitizer builds look at: a thread that enters the kernel's sections in an order that could
+/// deadlock ends the program with a line on standard error, whether or not another thread is in the way today.
+#if defined(OSKERNEL_CHECK_LOCK_ORDER)
+void check_section_order(const CRITICAL_SECTION* section);   // before a first entry waits
+void note_section_entered(const CRITICAL_SECTION* section);  // after it
+void note_section_left(const CRITICAL_SECTION* section);     // before the last leave
+#else
+inline void check_section_order(const CRITICAL_SECTION* /*section*/) {}
+inline void note_section_entered(const CRITICAL_SECTION* /*section*/) {}
+inline void note_section_left(const CRITICAL_SECTION* /*section*/) {}
+#endif
+
 /// Where the calling thread counts its waits for ever: odd while it is inside one. Null when nobody asks.
 extern thread_local std::atomic<unsigned>* endless_waits __attribute__((tls_model("initial-exec")));
 

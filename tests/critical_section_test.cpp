@@ -14,7 +14,10 @@
 #include <type_traits>
 #include <vector>
 
+#include "kernel/buffer.h"
 #include "kernel/posixkernel.h"
+#include "kernel/task.h"
+#include "kernel/trigger.h"
 #include "support/kernel_fixture.h"
 #include "support/watched_thread.h"
 
@@ -406,6 +409,58 @@ TEST_F(CriticalSection, ManySectionsAreIndependent) {
   }
   EXPECT_TRUE(console.fatals().empty());
 }
+
+#if defined(OSKERNEL_CHECK_LOCK_ORDER)
+
+class SectionOrder : public KernelTest {
+ protected:
+  void SetUp() override {
+    KernelTest::SetUp();
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    StartQuiet();
+  }
+};
+
+TEST_F(SectionOrder, KernelSectionsMayBeEnteredInTheirOrderAndAgainWhileHeld) {
+  EnterCriticalSection(&OS_CRITICAL_TRIGGER);
+  EnterCriticalSection(&OS_CRITICAL_BUFFERS);
+  EnterCriticalSection(&OS_CRITICAL_LINK);
+  EnterCriticalSection(&OS_CRITICAL_TRIGGER);
+  LeaveCriticalSection(&OS_CRITICAL_TRIGGER);
+  LeaveCriticalSection(&OS_CRITICAL_LINK);
+  LeaveCriticalSection(&OS_CRITICAL_BUFFERS);
+  LeaveCriticalSection(&OS_CRITICAL_TRIGGER);
+  // What is left again is no longer in the way.
+  EnterCriticalSection(&OS_CRITICAL_LINK);
+  LeaveCriticalSection(&OS_CRITICAL_LINK);
+  EnterCriticalSection(&OS_CRITICAL_TRIGGER);
+  LeaveCriticalSection(&OS_CRITICAL_TRIGGER);
+}
+
+TEST_F(SectionOrder, AProgramsOwnSectionsHaveNoPlaceInIt) {
+  Section own;
+  EnterCriticalSection(&OS_CRITICAL_LINK);
+  EnterCriticalSection(&own);
+  LeaveCriticalSection(&OS_CRITICAL_LINK);
+  EnterCriticalSection(&OS_CRITICAL_TRIGGER);
+  LeaveCriticalSection(&OS_CRITICAL_TRIGGER);
+  LeaveCriticalSection(&own);
+}
+
+TEST_F(SectionOrder, EnteringBackwardsEndsTheProgramThoughNobodyIsInTheWay) {
+  const auto backwards = [](CRITICAL_SECTION* held, CRITICAL_SECTION* entered) {
+    EnterCriticalSection(held);
+    EnterCriticalSection(entered);
+  };
+  EXPECT_DEATH(backwards(&OS_CRITICAL_LINK, &OS_CRITICAL_TRIGGER),
+               "OS_CRITICAL_TRIGGER is entered by a thread that holds OS_CRITICAL_LINK: wrong order");
+  EXPECT_DEATH(backwards(&OS_CRITICAL_LINK, &OS_CRITICAL_BUFFERS),
+               "OS_CRITICAL_BUFFERS is entered by a thread that holds OS_CRITICAL_LINK: wrong order");
+  EXPECT_DEATH(backwards(&OS_CRITICAL_TASK, &OS_CRITICAL_TRIGGER),
+               "OS_CRITICAL_TRIGGER is entered by a thread that holds OS_CRITICAL_TASK: wrong order");
+}
+
+#endif
 
 }  // namespace
 }  // namespace oskernel_test
