@@ -552,6 +552,13 @@ TEST_F(ConsoleLine, RecallFromAnEmptyHistoryShowsNothing) {
   EXPECT_EQ(echo(), "ab\r\n");
 }
 
+TEST_F(ConsoleLine, RecallFromAnEmptyHistoryLeavesWhatWasTyped) {
+  History history({});
+  EXPECT_EQ(gets("xy\x12\x12z\r", 80, history), 0);
+  EXPECT_EQ(line(), "xyz");
+  EXPECT_EQ(echo(), "xyz\r\n");
+}
+
 TEST_F(ConsoleLine, RecallOfAnEmptyEntryEmptiesTheLine) {
   History history({"", "two"});
   EXPECT_EQ(gets("xy\x12\r", 80, history), 0);
