@@ -90,9 +90,7 @@ int wait_for_ever(sem_t* sem) {
   std::atomic<unsigned>* const count = endless_waits;
   if (count != nullptr) count->fetch_add(1, std::memory_order_relaxed);
   const int result = sem_wait(sem);
-  const int error = errno;
-  if (count != nullptr) count->fetch_add(1, std::memory_order_relaxed);
-  errno = error;
+  if (count != nullptr) count->fetch_add(1, std::memory_order_relaxed);  // leaves errno alone
   return result;
 }
 

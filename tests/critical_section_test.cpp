@@ -302,6 +302,13 @@ TEST_F(CriticalSection, LeaveAfterTryEnterIsFatalAndReleasesNothing) {
   EXPECT_FALSE(another_thread_can_enter(&section));
 }
 
+TEST_F(CriticalSection, TryEnterOfAnUninitialisedOneReturnsZero) {
+  CRITICAL_SECTION section;
+  EXPECT_EQ(TryEnterCriticalSection(&section), 0);
+  EXPECT_EQ(section.owner_count, 0);
+  EXPECT_TRUE(console.fatals().empty());
+}
+
 TEST_F(CriticalSection, SecondTryEnterByTheSameThreadFails) {
   Section section;
   ASSERT_EQ(TryEnterCriticalSection(&section), 1);

@@ -258,6 +258,18 @@ TEST_F(Event, StopDeletesEveryEventThatIsLeft) {
   }
 }
 
+TEST_F(Event, StopEndsAtAFirstLinkThatHoldsNoObject) {
+  while (OSLink* const left = KernelEvent::eventList.First()) delete static_cast<KernelEvent*>(left);
+  KernelEvent first;
+  KernelEvent second;
+  void* const object = first.object;
+  first.object = nullptr;
+  Stop();
+  EXPECT_EQ(KernelEvent::eventList.First(), &first);
+  EXPECT_EQ(KernelEvent::eventList.Last(), &second);
+  first.object = object;
+}
+
 TEST_F(Event, HandlesStartAgainAtOneAfterTheLargest) {
   KernelEvent::nextHandle = kLastHandle;
   const HANDLE last = new_event();

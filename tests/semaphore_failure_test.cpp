@@ -29,6 +29,13 @@ struct Failures {
   }
 };
 
+/// How often this thread has looked at one semaphore without blocking.
+struct Looks {
+  const sem_t* sem = nullptr;
+  int count = 0;
+};
+
+thread_local Looks looks;
 thread_local Failures wait_failures;
 thread_local Failures try_failures;
 
@@ -47,6 +54,7 @@ __attribute__((visibility("default"))) int sem_wait(sem_t* sem) {
 }
 
 __attribute__((visibility("default"))) int sem_trywait(sem_t* sem) {
+  if (sem == looks.sem) ++looks.count;
   return try_failures.deliver(sem) ? -1 : call_next("sem_trywait", sem);
 }
 
@@ -69,6 +77,7 @@ class SemaphoreFailure : public KernelTest {
   void TearDown() override {
     wait_failures = {};
     try_failures = {};
+    looks = {};
     CloseHandle(event);
     KernelTest::TearDown();
   }
@@ -167,6 +176,15 @@ TEST_F(SemaphoreFailure, FiniteWaitGoesOnWhileTheEventIsNotSignalled) {
   SetEvent(event);
   EXPECT_EQ(WaitForSingleObject(event, 5000), 0u);
   EXPECT_EQ(WaitForSingleObject(event, 0), 110u);
+}
+
+// Long enough to cross the end of a second, where the fraction of the next deadline carries over.
+TEST_F(SemaphoreFailure, FiniteWaitLooksOnceASliceAndDoesNotSpin) {
+  constexpr int kWaited_ms = 1200;
+  looks = {event_sem, 0};
+  EXPECT_EQ(WaitForSingleObject(event, kWaited_ms), 110u);
+  EXPECT_GE(looks.count, 2);
+  EXPECT_LE(looks.count, 2 * kWaited_ms / 10);
 }
 
 }  // namespace
