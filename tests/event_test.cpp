@@ -654,6 +654,15 @@ TEST(KernelSleep, SleepsAtLeastAsLongAsAsked) {
   }
 }
 
+// More than a second of them, so that one ends in another second than it began in.
+TEST(KernelSleep, ShortSleepsLastLongEnoughAcrossTheEndOfASecond) {
+  for (int i = 0; i < 24; ++i) {
+    const double start = now_ms();
+    Sleep(45);
+    EXPECT_GE(now_ms() - start, 45.0);
+  }
+}
+
 TEST(KernelSleep, ZeroReturnsAtOnce) {
   const double start = now_ms();
   Sleep(0);

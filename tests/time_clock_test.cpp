@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -142,6 +143,13 @@ TEST_F(ClockDevice, FailedRequestGivesTheLastGoodTick) {
   EXPECT_TRUE(use_osclockdev) << "only a device that cannot be opened is given up";
   FakeClock::fail_requests(false);
   EXPECT_EQ(os_clock(), 5000u);
+}
+
+TEST_F(ClockDevice, FailedRequestLeavesErrnoAlone) {
+  FakeClock::fail_requests(true);
+  errno = EDOM;
+  os_clock();
+  EXPECT_EQ(errno, EDOM);
 }
 
 TEST_F(ClockDevice, FailedRequestGivesTheLastGoodTickOfAnyThread) {

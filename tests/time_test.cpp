@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <memory>
@@ -288,6 +289,28 @@ TEST_F(Time, ZoneThatWasAbsentIsAbsentAgain) {
   EXPECT_EQ(ZoneGuard::get(), std::nullopt);
   GetTZTime(&time, "EST5");
   EXPECT_EQ(ZoneGuard::get(), std::nullopt);
+}
+
+TEST_F(Time, NoZoneMeansTheProcessesOwn) {
+  ZoneGuard::set("JST-9");
+  SYSTEMTIME zoned;
+  SYSTEMTIME local;
+  // The two readings lie in one hour, unless the hour ends between them; then those of the second try do.
+  for (int i = 0; i < 2; ++i) {
+    GetTZTime(&zoned, nullptr);
+    GetLocalTime(&local);
+    if (zoned.wHour == local.wHour) break;
+  }
+  EXPECT_EQ(zoned.wHour, local.wHour);
+  EXPECT_EQ(ZoneGuard::get(), "JST-9");
+}
+
+TEST_F(Time, AskingForTheTickLeavesErrnoAlone) {
+  IN_FRESH_PROCESS({
+    errno = EDOM;
+    os_clock();  // looks for the device in vain
+    EXPECT_EQ(errno, EDOM);
+  });
 }
 
 TEST_F(Time, ZoneOfAnyLengthComesBack) {
