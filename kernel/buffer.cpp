@@ -47,7 +47,7 @@ OSBuf::OSBuf()
       build_(0),
       made_before_(nullptr),
       made_after_(nullptr),
-      home_(false),
+      place_(Place::kOut),
       allocated_link_(nullptr),
       allocated_(0) {}
 
@@ -136,8 +136,7 @@ OSBuf* OSBuf::Duplicate() {
 
 OSBuf* OSBuf::CopyData(const UBYTE* bytes, UWORD len) {
   if (static_cast<long long>(size) <= static_cast<long long>(len) + buffer_headroom()) {
-    const std::uintptr_t offset = buffer_address(bytes) - buffer_address(payload);
-    if (payload == nullptr || offset >= size) {
+    if (buffer_address(bytes) - buffer_address(payload) >= size) {
       Free();  // first, so that the new buffer may come from the pool that this one returns to
       return Alloc(bytes, len);
     }
@@ -159,27 +158,23 @@ void OSBuf::PushData(ULONG l) { push(&l, sizeof l); }
 
 void OSBuf::PushData(int i) { push(&i, sizeof i); }
 
-void OSBuf::PushData(const UBYTE* bytes, UWORD len) {
+void OSBuf::push_checked(const void* bytes, std::size_t count) {
   if (bytes == nullptr) return;
-  if (!move_down(len)) {
+  if (!move_down(count)) {
     if (Console != nullptr) Console->Fatal("OSBuf::PushData Too far");
-  } else if (len != 0) {
-    std::memmove(data, bytes, len);
+  } else if (count != 0) {
+    std::memmove(data, bytes, count);
   }
 }
+
+void OSBuf::PushData(const UBYTE* bytes, UWORD len) { push_checked(bytes, len); }
 
 void OSBuf::PushData(const UBYTE* from, const UBYTE* to) {
   PushData(from, static_cast<UWORD>(buffer_address(to) - buffer_address(from)));
 }
 
 void OSBuf::PushData(const char* text) {
-  if (text == nullptr) return;
-  const std::size_t count = std::strlen(text);
-  if (!move_down(count)) {
-    if (Console != nullptr) Console->Fatal("OSBuf::PushData Too far");
-  } else if (count != 0) {
-    std::memmove(data, text, count);
-  }
+  if (text != nullptr) push_checked(text, std::strlen(text));
 }
 
 void OSBuf::PushDown(UWORD n) {
@@ -193,15 +188,14 @@ UBYTE* OSBuf::Put(UWORD n) {
     if (Console != nullptr) Console->Fatal("OSBuf::Put Too far");
     return nullptr;
   }
-  if (count == 0) return data;
-  std::memmove(data, old, count);
+  if (count != 0) std::memmove(data, old, count);
   return data + count;
 }
 
 // ---- Pulling -----------------------------------------------------------------------------------------------
 
 void OSBuf::pull(void* dest, std::size_t count) {
-  if (data != nullptr && dest != nullptr && count != 0) std::memmove(dest, data, count);
+  if (data != nullptr && count != 0) std::memmove(dest, data, count);
   PullUp(static_cast<UWORD>(count));
 }
 
@@ -242,10 +236,9 @@ OSBuf* OSBuf::Compact(OSBuf* other, UWORD max) {
   if (other == nullptr || other == this) return other;
 
   const long long headroom = buffer_headroom();
+  // Negative in a buffer whose data reaches into the headroom, and in one that is longer than max already.
   long long room = static_cast<long long>(size) - length - headroom;
-  if (room <= 0) return other;
   if (max != 0 && room + length > max) room = static_cast<long long>(max) - length;
-  // A buffer that is already longer than max has a negative room.
   const long long wanted = std::min<long long>(room, other->length);
   if (wanted <= 0 || !is_sound() || !other->is_sound()) return other;
   const auto count = static_cast<UWORD>(wanted);
@@ -274,7 +267,7 @@ void OSBuf::AddDataCallback(OSCallback* callback) {
 }
 
 void OSBuf::AddDataCallback(OSBuf* other) {
-  if (other != nullptr && other != this) data_free_callback.Compact(&other->data_free_callback);
+  if (other != nullptr) data_free_callback.Compact(&other->data_free_callback);
 }
 
 void OSBuf::AddBufferCallback(OSCallback* callback) {

@@ -50,15 +50,18 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
   // ---- The pools ----
 
   /// Gives the buffer back to its pool, where it is the next of its class to be handed out.
-  /// In this order: checks the buffer (below); runs and releases the callbacks of data_free_callback and then of
-  /// buffer_free_callback, first to last, outside every section; restores the storage of its class if SetPayload
-  /// has replaced it. Storage set by SetPayload is not looked at.
-  ///   Fatal     "OSBuf::Free - Corrupt": the id is wrong; nothing is done, the buffer stays out of circulation
-  ///             "OSBuffer::Free freed twice %p %d": nothing is done. Exactly one of two threads that free the
-  ///             same buffer gets this; a length of 43690 in an allocated buffer does not provoke it.
+  /// In this order: checks the buffer (below, in their order); runs and releases the callbacks of
+  /// data_free_callback and then of buffer_free_callback, first to last, outside every section; restores the
+  /// storage of its class if SetPayload has replaced it; clears trace. Storage set by SetPayload is not looked at.
+  ///   Fatal     "OSBuf::Free - Corrupt": the address is not one of a buffer or the id is wrong; nothing is done,
+  ///             the buffer stays out of circulation
   ///             "OSBuf::Free - Corrupted buffer - pushed down too far": goes on
   ///             "OSBuf::Free - Corrupted Overhang (size %d, data %d, length %d, overrun %d)": renews the guard
   ///             bytes and goes on
+  ///             "OSBuffer::Free freed twice %p %d": nothing more is done. Exactly one of two threads that free
+  ///             the same buffer gets this; a length of 43690 in an allocated buffer does not provoke it. The two
+  ///             checks before it are made of a buffer that is in its pool, not of one that another thread is
+  ///             still freeing or has been given since.
   ///             "OSLinkList::Insert Obj of link that is already in a list": the buffer is still in a queue and
   ///             stays there, empty and allocated
   ///   threads   any, the holder; the caller must not be in a pool section
@@ -67,6 +70,7 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
   /// Builds the pools from KERNELCFG: buf_qty[i] buffers of buf_size[i] bytes, in one block. A quantity below 0
   /// counts as 0, a size below 0 as 0 and above 65535 as 65535. When the heap has no such block, each buffer is
   /// made on the heap with storage from OS_MEMORY and without guard bytes; a class ends where memory does.
+  /// min_count starts at the quantities, whatever memory was there for.
   ///   threads   start-up, after OSLink::Initialise and OSCallback::Initialise
   static void Initialise();
 
@@ -84,8 +88,8 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
   ///             larger than size and has a free buffer.
   ///   returns   the buffer, which the caller owns. Null only after Fatal "OSBuffer::Alloc Out Of Buffers %d",
   ///             which is preceded by the same line and every allocated buffer through Print. A free buffer that
-  ///             is damaged is reported with Fatal "OSBuf::Alloc - Corrupt"; it stays on allocated_list and the
-  ///             next one is tried.
+  ///             is damaged is reported with Fatal "OSBuf::Alloc - Corrupt"; it stays out of circulation, on
+  ///             allocated_list when a link is at hand, and the next one is tried.
   ///   threads   any; the caller must not be in a pool section. Allocates no heap, unless the link pool grows;
   ///             when that cannot, the buffer works but stands on no allocated_list.
   static OSBuf* Alloc(int size);
@@ -109,8 +113,8 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
 
   // ---- Pushing: in front of the data ----
 
-  /// Replaces the contents by a copy of bytes (which may lie in this buffer), in this buffer when its size is
-  /// more than len + buf_min_space, else in a new one, and then frees this one.
+  /// Replaces the contents by a copy of bytes (which may lie in this buffer): in this buffer when its size is more
+  /// than len + buf_min_space, otherwise in a new one from Alloc(bytes, len), and this one is freed before.
   ///   returns   the buffer to use from now on; null when a new one was needed and none was there
   OSBuf* CopyData(const UBYTE* bytes, UWORD len);
 
@@ -158,17 +162,21 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
   /// Moves as many bytes of other as fit behind this buffer's data, leaving buf_min_space bytes in front of it.
   ///   max       the most bytes this buffer may hold afterwards; 0 for no limit
   ///   takes     other when it is emptied: its data callbacks move to the end of this buffer's, then it is freed
-  ///   returns   null when other has been emptied, else other, which the caller still owns
+  ///   returns   null when other has been emptied, else other, which the caller still owns. Untouched when nothing
+  ///             fits, and when the data of one of the two reaches outside its storage.
   OSBuf* Compact(OSBuf* other, UWORD max);
 
   // ---- Callbacks and storage ----
 
-  /// Puts a callback in front of those that run when this buffer's data is released. null is ignored.
+  /// Puts a callback in front of those that run when this buffer's data is released. null is ignored. One that is
+  /// in a ring already leaves it.
   ///   takes     callback
   void AddDataCallback(OSCallback* callback);
-  /// Moves the data callbacks of another buffer to the end of this buffer's, for data that now lives on here.
+  /// Moves the data callbacks of another buffer to the end of this buffer's, for data that now lives on here. null
+  /// is ignored.
   void AddDataCallback(OSBuf* other);
-  /// Puts a callback in front of those that run when this buffer is freed. null is ignored.
+  /// Puts a callback in front of those that run when this buffer is freed. null is ignored. One that is in a ring
+  /// already leaves it.
   ///   takes     callback
   void AddBufferCallback(OSCallback* callback);
 
@@ -207,8 +215,8 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
 
   /// The free buffers of each class. Inside OS_CRITICAL_BUFFERS.
   static OSLinkList buffer_pool[4];
-  /// The lowest number of free buffers that each class has had. Changed inside OS_CRITICAL_BUFFERS; stored
-  /// atomically, so that a program may load it (relaxed) at any time as a figure.
+  /// The lowest number of free buffers that each class has had; buf_qty until an Alloc finds fewer. Changed inside
+  /// OS_CRITICAL_BUFFERS; stored atomically, so that a program may load it (relaxed) at any time as a figure.
   static int min_count[4];
   /// Every buffer that is allocated, oldest first; null while the pools are not there. Inside OS_CRITICAL_BUFFERS.
   static OSIndirectList* allocated_list;
@@ -224,12 +232,15 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
   static constexpr UWORD kGuardBytes = 64;
   static constexpr UBYTE kGuard = 0xA5;
 
+  enum class Place : UBYTE { kOut, kReturning, kHome };
+
   bool owns_storage() const { return own_payload_ != nullptr && payload == own_payload_; }
   bool is_sound() const;
   std::size_t readable_bytes() const;
   bool move_down(std::size_t count);
   void push(const void* bytes, std::size_t count);
   void push_copy(const UBYTE* bytes, std::size_t count);
+  void push_checked(const void* bytes, std::size_t count);
   void pull(void* dest, std::size_t count);
   void make_empty();
 
@@ -238,16 +249,17 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
   UWORD own_size_;      ///< bytes of it
   bool guarded_;        ///< guard bytes stand behind it
   bool pool_storage_;   ///< it came from the kernel memory pool and goes back there with the buffer
-  ULONG build_;         ///< which Initialise made the buffer; 0 for none
+  ULONG build_;         ///< tells the pools that it was made for from later ones; 0 for none
 
   // All buffers that Initialise has made and that have not been destroyed. Inside OS_CRITICAL_BUFFERS.
   OSBuf* made_before_;
   OSBuf* made_after_;
 
-  /// Whether the buffer is in its pool (or on the way there). Set by the one Free that succeeds and cleared by
-  /// Alloc. Two threads that free at once are told apart by the exchange, which needs no order beyond its own:
-  /// the buffer's contents pass from Free to Alloc through OS_CRITICAL_BUFFERS.
-  std::atomic<bool> home_;
+  /// Where the buffer is. The one Free that succeeds moves it from kOut to kReturning, and inside
+  /// OS_CRITICAL_BUFFERS to kHome; Alloc moves it back, inside the section too. Two threads that free at once are
+  /// told apart by the exchange, which needs no order beyond its own: the buffer's contents pass from Free to
+  /// Alloc, and to a Free that comes too late, through the section.
+  std::atomic<Place> place_;
 
   OSLink* allocated_link_;   ///< this buffer's link in allocated_list. Inside OS_CRITICAL_BUFFERS.
   std::uint64_t allocated_;  ///< number of this allocation; ascends along allocated_list. As above.

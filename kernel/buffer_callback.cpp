@@ -169,32 +169,32 @@ OSCallback::~OSCallback() {
 
 OSCallback* OSCallback::Alloc(OSCallbackRecord* record, OSCallbackFunction function, OSObj* first,
                               ADDR second, ULONG third) {
-  // The link is fetched before the section is entered: a link pool that runs dry reports it on the console,
-  // which must not happen inside a pool section.
-  OSLink* link = nullptr;
-  if (record != nullptr) {
-    link = OSLink::Alloc();
-    if (link == nullptr) return nullptr;
-  }
-
   OSCallback* callback = nullptr;
   {
     const SectionLock lock(&OS_CRITICAL_CALLBACKS);
     callback = Pool::take_locked();
-    if (callback != nullptr) {
-      callback->callback_function = function;
-      callback->object = first;
-      callback->addr = second;
-      callback->value = third;
-      callback->callback_record = record;
-      callback->record_link_ = link;
-      if (record != nullptr) record->OSLinkList::Append(link, callback);
-    }
   }
   if (callback == nullptr) {
-    if (link != nullptr) link->Free();
     if (Console != nullptr) Console->Warning("OSCallback::Alloc Out Of Callbacks");
+    return nullptr;
   }
+  callback->callback_function = function;
+  callback->object = first;
+  callback->addr = second;
+  callback->value = third;
+  if (record == nullptr) return callback;
+
+  // The section is left for the link: a link pool that runs dry reports it on the console. The link is fetched
+  // after the callback, so that of two empty pools the callbacks' is the one that is reported.
+  OSLink* link = OSLink::Alloc();
+  if (link == nullptr) {
+    callback->Free();
+    return nullptr;
+  }
+  const SectionLock lock(&OS_CRITICAL_CALLBACKS);
+  callback->callback_record = record;
+  callback->record_link_ = link;
+  record->OSLinkList::Append(link, callback);
   return callback;
 }
 
@@ -238,10 +238,10 @@ void OSCallback::run_ring(OSLink* ring) {
   while (OSCallback* callback = first_of(ring)) {
     const ULONG uses = callback->uses_;
     callback->Execute();
-    // The function may have freed this callback, directly or by cancelling its record; then it is no longer ours
-    // to touch. While it is still first in the ring it is, and an unchanged count of uses says that it has not
-    // come back for another purpose.
-    if (first_of(ring) != callback || callback->uses_ != uses) continue;
+    // The function may have freed this callback, directly or by cancelling its record, or given it to another
+    // ring; then it is no longer ours to touch. While it is still in this ring it is, though perhaps no longer
+    // first, and an unchanged count of uses says that it has not come back for another purpose.
+    if (ring->PosInList(callback) < 0 || callback->uses_ != uses) continue;
     callback->OSLink::Remove();
     callback->Free();
   }
@@ -272,9 +272,9 @@ void OSCallbackRecord::CancelCallbacks() {
       } else {
         OSIndirectList::Remove(first);  // listed here by the program itself
       }
+      if (!callback->free_) callback->OSLink::Remove();
     }
     if (link != nullptr) link->Free();
-    callback->OSLink::Remove();
     callback->Free();
   }
 }

@@ -24,6 +24,8 @@ class OSKERNEL_API OSCallback : public OSLinkListObj {
  public:
   /// A detached callback outside the pool, with all fields zero. Free gives it to the pool.
   OSCallback();
+  /// Leaves record, ring and pool. One of the pool that is deleted (by a ring that owns its contents, say) is
+  /// missing until the next start.
   ~OSCallback() override;
 
   /// Returns the callback to the front of the pool without running it, and takes it out of its record. Whoever
@@ -45,7 +47,7 @@ class OSKERNEL_API OSCallback : public OSLinkListObj {
   ///   record    shares the callback: lists it until it is freed; null for none
   ///   function  called with first, second and third, kept as object, addr and value; null does nothing
   ///   returns   a detached callback, or null after the warning "OSCallback::Alloc Out Of Callbacks" when the
-  ///             pool is empty; null too when the link pool cannot provide the record's link
+  ///             pool is empty; otherwise null too when the link pool cannot provide the record's link
   ///   threads   any; the caller must not be in a pool section
   static OSCallback* Alloc(OSCallbackRecord* record, OSCallbackFunction function, OSObj* first, ADDR second,
                            ULONG third);
@@ -79,7 +81,7 @@ class OSKERNEL_API OSCallback : public OSLinkListObj {
   struct __attribute__((visibility("hidden"))) Pool;
 
   /// Runs, unlinks and frees the callbacks of a ring, first to last, outside every section. A function may free
-  /// or cancel any callback, those of this ring and the one that is being run included.
+  /// or cancel any callback, those of this ring and the one that is being run included, and may add others.
   static void run_ring(OSLink* ring);
   /// Unlinks and frees the callbacks of a ring without running them.
   static void drop_ring(OSLink* ring);

@@ -73,8 +73,8 @@ void empty_list_of(OSLink* buf) {
 struct OSBuf::Pool {
   static UWORD class_size[kClasses];  // bytes of storage, constant between Initialise and UnInitialise
   static OSBuf* newest;               // the end of the chain of all buffers made
-  static ULONG build;                 // counts Initialise and UnInitialise; 0 stands for none
-  static std::uint64_t allocations;   // inside OS_CRITICAL_BUFFERS
+  static ULONG build;  // counts the stops, to tell buffers that have outlived one; 0 stands for none
+  static std::uint64_t allocations;  // inside OS_CRITICAL_BUFFERS
 
   static const KernelCfg& config() { return KERNELCFG != nullptr ? *KERNELCFG : default_cfg; }
 
@@ -90,19 +90,34 @@ struct OSBuf::Pool {
   static OSBuf* make_buffer(int i);
   static void chain_locked(OSBuf* buf);
   static void unchain_locked(OSBuf* buf);
+  static bool links_at_hand() {
+    return std::atomic_ref<ULONG>(OSLink::link_pool_size).load(std::memory_order_relaxed) != 0;
+  }
   static int find_locked(int size);
-  static bool is_intact(const OSBuf* buf);
+  static bool lies_well(const void* buf);
+  static void forget_locked(OSLinkList* pool);
   static OSBuf* take_damaged_locked(OSLinkList* pool);
   static void list_locked(OSBuf* buf, OSLink* link);
   static void hand_out_locked(int i, OSBuf* buf, OSLink* link, ULONG now);
   static OSLink* take_back_locked(OSBuf* buf);
+
+  struct Overhang {
+    bool found = false;
+    int size = 0;
+    int offset = 0;
+    int length = 0;
+  };
+  static bool is_below(const OSBuf* buf);
   static bool overhangs(const OSBuf* buf);
-  static void check_contents(OSBuf* buf);
+  static Overhang take_overhang(OSBuf* buf);
+  static void report_below();
+  static void report(const Overhang& overhang);
+  static void report_second_free(OSBuf* buf);
 };
 
 UWORD OSBuf::Pool::class_size[kClasses];
 OSBuf* OSBuf::Pool::newest = nullptr;
-ULONG OSBuf::Pool::build = 0;
+ULONG OSBuf::Pool::build = 1;
 std::uint64_t OSBuf::Pool::allocations = 0;
 
 // ---- Building and releasing --------------------------------------------------------------------------------
@@ -147,7 +162,7 @@ OSBuf* OSBuf::Pool::make_buffer(int i) {
   buf->size = bytes;
   buf->make_empty();
   buf->length = kNeverUsed;
-  buf->home_.store(true, std::memory_order_relaxed);
+  buf->place_.store(Place::kHome, std::memory_order_relaxed);
   buf->build_ = build;
   return buf;
 }
@@ -170,31 +185,30 @@ void OSBuf::Initialise() {
   if (allocated_list != nullptr) UnInitialise();
 
   init_section(&OS_CRITICAL_BUFFERS);
-  Pool::next_build();
   for (int i = 0; i < kClasses; ++i) {
     const int bytes = Pool::config().buf_size[i];
     Pool::class_size[i] = bytes <= 0 ? 0 : bytes > 0xFFFF ? 0xFFFF : static_cast<UWORD>(bytes);
+    // Not what can be made: a class that memory cuts short shows in the first Alloc from it.
+    const auto configured = static_cast<int>(Pool::quantity(i));
+    std::atomic_ref<int>(min_count[i]).store(configured, std::memory_order_relaxed);
   }
   allocated_list = new (std::nothrow) OSIndirectList;
   if (allocated_list == nullptr) return;
   buffer_use_mem = Pool::make_block() ? 1 : 0;
 
   for (int i = 0; i < kClasses; ++i) {
-    int made = 0;
     for (std::size_t n = Pool::quantity(i); n > 0; --n) {
       OSBuf* buf = Pool::make_buffer(i);
       if (buf == nullptr) break;
       const SectionLock lock(&OS_CRITICAL_BUFFERS);
       Pool::chain_locked(buf);
       buffer_pool[i].Insert(buf);
-      ++made;
     }
-    std::atomic_ref<int>(min_count[i]).store(made, std::memory_order_relaxed);
   }
 }
 
 void OSBuf::UnInitialise() {
-  if (allocated_list == nullptr && Pool::newest == nullptr && buffer_mem == nullptr) return;
+  if (allocated_list == nullptr) return;
 
   OSIndirectList* list = nullptr;
   OSBuf* newest = nullptr;
@@ -207,7 +221,7 @@ void OSBuf::UnInitialise() {
     Pool::next_build();
     for (OSLinkList& pool : buffer_pool) {
       while (OSLink* first = pool.First()) {
-        if (first->object == nullptr) break;
+        if (first->object == nullptr) break;  // damaged
         pool.Remove(first);
       }
     }
@@ -218,19 +232,23 @@ void OSBuf::UnInitialise() {
   OSBuf* before = nullptr;
   for (OSBuf* buf = newest; buf != nullptr; buf = before) {
     before = buf->made_before_;
-    buf->made_before_ = buf->made_after_ = nullptr;
     buf->allocated_link_ = nullptr;
     OSCallback::drop_ring(&buf->data_free_callback);
     OSCallback::drop_ring(&buf->buffer_free_callback);
+    const bool is_home = buf->place_.load(std::memory_order_relaxed) == Place::kHome;
     if (buffer_use_mem != 0) {
-      if (buf->object != nullptr) empty_list_of(buf);
-    } else if (buf->home_.load(std::memory_order_relaxed)) {
+      if (!is_home && buf->object != nullptr) empty_list_of(buf);
+    } else if (is_home) {
       delete buf;
     } else {
       buf->pool_storage_ = false;  // the memory pool may be another one by the time the buffer is freed
     }
   }
   delete list;
+  {
+    const SectionLock lock(&OS_CRITICAL_BUFFERS);
+    for (OSLinkList& pool : buffer_pool) Pool::forget_locked(&pool);
+  }
 
   UBYTE* block = buffer_mem;
   buffer_mem = buffer_mem_end = buffer_mem_alloc = nullptr;
@@ -260,7 +278,7 @@ OSBuf::~OSBuf() {
       link = Pool::take_back_locked(this);
       if (build_ == Pool::build) Pool::unchain_locked(this);
       // Only a pool has this buffer in a list while it is at home.
-      if (home_.load(std::memory_order_relaxed) && home_q != nullptr) home_q->Remove(this);
+      if (place_.load(std::memory_order_relaxed) == Place::kHome && home_q != nullptr) home_q->Remove(this);
     }
     if (link != nullptr) link->Free();
   }
@@ -279,8 +297,19 @@ int OSBuf::Pool::find_locked(int size) {
   return -1;
 }
 
-bool OSBuf::Pool::is_intact(const OSBuf* buf) {
-  return buffer_address(buf) % alignof(OSBuf) == 0 && buf->id == kId;
+// Whether a buffer can lie there. A compiler may take it that whatever is called a buffer does; a damaged pointer
+// does not.
+bool OSBuf::Pool::lies_well(const void* buf) {
+  std::uintptr_t where = buffer_address(buf);
+  asm("" : "+r"(where));
+  return where % alignof(OSBuf) == 0;
+}
+
+// Empties a pool without a look at what is in it.
+void OSBuf::Pool::forget_locked(OSLinkList* pool) {
+  pool->next = pool;
+  pool->previous = pool;
+  __atomic_store_n(&pool->number_in_list, 0, __ATOMIC_RELAXED);
 }
 
 // Takes a damaged buffer out of its pool. Its link may be damaged too: then the rest of the pool cannot be reached
@@ -297,18 +326,16 @@ OSBuf* OSBuf::Pool::take_damaged_locked(OSLinkList* pool) {
     pool->Remove(first);
     return static_cast<OSBuf*>(first);
   }
-  pool->next = pool;
-  pool->previous = pool;
-  __atomic_store_n(&pool->number_in_list, 0, __ATOMIC_RELAXED);
+  forget_locked(pool);
   return nullptr;
 }
 
 // From here on the buffer is allocated. link is null when the link pool has none: then it is not listed.
 void OSBuf::Pool::list_locked(OSBuf* buf, OSLink* link) {
-  if (link != nullptr) allocated_list->OSLinkList::Append(link, buf);
+  allocated_list->OSLinkList::Append(link, buf);
   buf->allocated_link_ = link;
   buf->allocated_ = ++allocations;
-  buf->home_.store(false, std::memory_order_relaxed);
+  buf->place_.store(Place::kOut, std::memory_order_relaxed);
 }
 
 void OSBuf::Pool::hand_out_locked(int i, OSBuf* buf, OSLink* link, ULONG now) {
@@ -329,28 +356,41 @@ void OSBuf::Pool::hand_out_locked(int i, OSBuf* buf, OSLink* link, ULONG now) {
 }
 
 OSBuf* OSBuf::Alloc(int size) {
-  // The clock and the link are fetched before the section is entered: it is held for a few stores only, and a
-  // link pool that runs dry reports it on the console. Without a link the buffer works, but is not listed.
+  // The clock and the link are fetched outside the section: it is held for a few stores only, and a link pool
+  // that runs dry reports it on the console. When that pool is empty, a buffer is looked for first: who gets none
+  // needs no link, and has the missing buffer reported, not the missing link. Without a link the buffer works, but
+  // is not listed.
   const ULONG now = os_clock();
-  OSLink* link = OSLink::Alloc();
-  // Each turn but the last takes a damaged buffer out of its pool.
+  OSLink* link = nullptr;
+  bool link_fetched = false;
+  bool buffer_seen = false;
+  // A turn that is not the last has seen that a link is needed, or takes a damaged buffer out of its pool.
   for (;;) {
+    if (!link_fetched && (buffer_seen || Pool::links_at_hand())) {
+      link = OSLink::Alloc();
+      link_fetched = true;
+    }
     SectionLock lock(&OS_CRITICAL_BUFFERS);
     const int i = Pool::find_locked(size);
     if (i < 0) break;
-    auto* buf = static_cast<OSBuf*>(buffer_pool[i].First());
-    if (Pool::is_intact(buf) && buf->object != nullptr) {
-      Pool::hand_out_locked(i, buf, link, now);
-      return buf;
+    OSLink* first = buffer_pool[i].First();
+    if (Pool::lies_well(first) && static_cast<OSBuf*>(first)->id == kId && first->object != nullptr) {
+      if (link_fetched) {
+        auto* buf = static_cast<OSBuf*>(first);
+        Pool::hand_out_locked(i, buf, link, now);
+        return buf;
+      }
+      buffer_seen = true;
+      continue;
     }
     // The damaged buffer stays out of circulation, on the list of allocated ones, where it can be seen.
     if (OSBuf* damaged = Pool::take_damaged_locked(&buffer_pool[i])) {
       Pool::list_locked(damaged, link);
       link = nullptr;
+      link_fetched = false;
     }
     lock.leave();
     if (Console != nullptr) Console->Fatal("OSBuf::Alloc - Corrupt");
-    if (link == nullptr) link = OSLink::Alloc();
   }
 
   if (link != nullptr) link->Free();
@@ -366,27 +406,55 @@ int OSBuf::PoolSize(int buf_class) {
 
 // ---- Giving it back ----------------------------------------------------------------------------------------
 
+// Whether the data has been pushed down to below the storage. Storage of no bytes cannot have been left.
+bool OSBuf::Pool::is_below(const OSBuf* buf) {
+  return buf->size != 0 && buffer_address(buf->data) < buffer_address(buf->payload);
+}
+
 // Whether something was written past the end of the storage. A size that the program has enlarged past the guard
 // bytes cannot be looked up and counts as such.
 bool OSBuf::Pool::overhangs(const OSBuf* buf) {
-  if (!buf->guarded_ || !buf->owns_storage()) return false;
+  if (buf->size == 0 || !buf->guarded_ || !buf->owns_storage()) return false;
   if (buf->size >= buf->own_size_ + kGuardBytes) return true;
   return buf->payload[buf->size] != kGuard;
 }
 
-void OSBuf::Pool::check_contents(OSBuf* buf) {
-  if (buf->size == 0) return;
-  if (buffer_address(buf->data) < buffer_address(buf->payload) && Console != nullptr) {
-    Console->Fatal("OSBuf::Free - Corrupted buffer - pushed down too far");
-  }
-  if (buf->size == 0 || !overhangs(buf)) return;
-  const auto offset = static_cast<int>(buffer_address(buf->data) - buffer_address(buf->payload));
-  if (Console != nullptr) {
-    Console->Fatal("OSBuf::Free - Corrupted Overhang (size %d, data %d, length %d, overrun %d)", buf->size,
-                   offset, buf->length, offset + buf->length - buf->size);
-  }
-  // The next holder is not to blame.
+// What there is to report of that. The guard bytes are renewed: the next holder is not to blame.
+OSBuf::Pool::Overhang OSBuf::Pool::take_overhang(OSBuf* buf) {
+  if (!overhangs(buf)) return {};
   std::memset(buf->own_payload_ + buf->own_size_, kGuard, kGuardBytes);
+  const auto offset = static_cast<int>(buffer_address(buf->data) - buffer_address(buf->payload));
+  return {true, buf->size, offset, buf->length};
+}
+
+void OSBuf::Pool::report_below() {
+  if (Console != nullptr) Console->Fatal("OSBuf::Free - Corrupted buffer - pushed down too far");
+}
+
+void OSBuf::Pool::report(const Overhang& overhang) {
+  if (!overhang.found || Console == nullptr) return;
+  Console->Fatal("OSBuf::Free - Corrupted Overhang (size %d, data %d, length %d, overrun %d)", overhang.size,
+                 overhang.offset, overhang.length, overhang.offset + overhang.length - overhang.size);
+}
+
+// Of a buffer that is not the caller's to free any more. While it lies in its pool it can be looked at inside the
+// section. While another thread is still returning it, or has been given it since, nothing but what never changes
+// may be read.
+void OSBuf::Pool::report_second_free(OSBuf* buf) {
+  int bytes = buf->own_size_;
+  bool below = false;
+  Overhang overhang;
+  {
+    const SectionLock lock(&OS_CRITICAL_BUFFERS);
+    if (buf->place_.load(std::memory_order_relaxed) == Place::kHome) {
+      bytes = buf->size;
+      below = is_below(buf);
+      overhang = take_overhang(buf);
+    }
+  }
+  if (below) report_below();
+  report(overhang);
+  if (Console != nullptr) Console->Fatal("OSBuffer::Free freed twice %p %d", static_cast<void*>(buf), bytes);
 }
 
 // Takes the buffer off allocated_list. Returns its link, which is freed outside the section.
@@ -403,32 +471,30 @@ OSLink* OSBuf::Pool::take_back_locked(OSBuf* buf) {
 }
 
 void OSBuf::Free() {
-  if (!Pool::is_intact(this)) {
+  if (!Pool::lies_well(this) || id != kId) {
     if (Console != nullptr) Console->Fatal("OSBuf::Free - Corrupt");
     return;
   }
-  // Decided before anything else is looked at: to the second of two threads the buffer's contents are no longer
-  // there to be checked.
-  if (home_.exchange(true, std::memory_order_relaxed)) {
-    const int bytes = std::atomic_ref<UWORD>(size).load(std::memory_order_relaxed);
-    if (Console != nullptr) {
-      Console->Fatal("OSBuffer::Free freed twice %p %d", static_cast<void*>(this), bytes);
-    }
+  // Decided before the contents are looked at: to the second of two threads they are no longer there to be checked.
+  Place place = Place::kOut;
+  if (!place_.compare_exchange_strong(place, Place::kReturning, std::memory_order_relaxed)) {
+    Pool::report_second_free(this);
     return;
   }
-  Pool::check_contents(this);
+  if (Pool::is_below(this)) Pool::report_below();
+  Pool::report(Pool::take_overhang(this));
   OSCallback::run_ring(&data_free_callback);
   OSCallback::run_ring(&buffer_free_callback);
 
   if (payload != own_payload_ || size != own_size_) {
     payload = own_payload_;
-    std::atomic_ref<UWORD>(size).store(own_size_, std::memory_order_relaxed);
+    size = own_size_;
     make_empty();
   }
   if (object != nullptr || OSLink::next != this) {
     // Still in a queue, whose holder will come across it. It stays allocated, so that it can be freed then.
     make_empty();
-    home_.store(false, std::memory_order_relaxed);
+    place_.store(Place::kOut, std::memory_order_relaxed);
     if (Console != nullptr) Console->Fatal("OSLinkList::Insert Obj of link that is already in a list");
     return;
   }
@@ -441,7 +507,10 @@ void OSBuf::Free() {
     length = kFreed;
     trace = 0;
     orphan = build_ != 0 && build_ != Pool::build;
-    if (!orphan && home_q != nullptr) home_q->Insert(this);
+    if (!orphan) {
+      if (home_q != nullptr) home_q->Insert(this);
+      place_.store(Place::kHome, std::memory_order_relaxed);
+    }
   }
   if (link != nullptr) link->Free();
   if (orphan) delete this;  // its pool was released while it was out

@@ -35,6 +35,10 @@ struct AddressText {
   char text[2 * INET_ADDRSTRLEN + 16];
 };
 
+struct Release {
+  void operator()(void* storage) const { ::operator delete(storage); }
+};
+
 // Copies bytes that their owner may release at this moment: the system refuses what is not there any more.
 //   returns   the number of bytes copied
 std::size_t copy_foreign(UBYTE* to, const UBYTE* from, std::size_t count) {
@@ -123,9 +127,9 @@ void OSBuf::Snapshot::print_allocated() {
     const SectionLock lock(&OS_CRITICAL_BUFFERS);
     if (allocated_list != nullptr) listed = static_cast<std::size_t>(allocated_list->Size());
   }
-  std::unique_ptr<Snapshot[]> many;
-  if (listed > kFew) many.reset(new (std::nothrow) Snapshot[listed]);
-  Snapshot* const turn = many != nullptr ? many.get() : few;
+  std::unique_ptr<void, Release> many;
+  if (listed > kFew) many.reset(::operator new(listed * sizeof(Snapshot), std::nothrow));
+  Snapshot* const turn = many != nullptr ? static_cast<Snapshot*>(many.get()) : few;
   const std::size_t most = many != nullptr ? listed : kFew;
 
   std::uint64_t printed = 0;

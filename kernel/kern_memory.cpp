@@ -76,13 +76,12 @@ void forget_chain(const OSMemPool::Secondary* key) {
   delete found;
 }
 
-bool remember_chain(const OSMemPool::Secondary* key, OSMemPool* pool) {
+// Without memory for the entry the pool stays unchained.
+void remember_chain(const OSMemPool::Secondary* key, OSMemPool* pool) {
   const std::lock_guard<std::mutex> lock(chain_mutex);
   ChainedPool** entry = find_chain_locked(key);
   if (*entry == nullptr) *entry = new (std::nothrow) ChainedPool{key, nullptr, nullptr};
-  if (*entry == nullptr) return false;
-  (*entry)->pool = pool;
-  return true;
+  if (*entry != nullptr) (*entry)->pool = pool;
 }
 
 }  // namespace
@@ -91,26 +90,22 @@ bool remember_chain(const OSMemPool::Secondary* key, OSMemPool* pool) {
 
 // A block may be reused for a new pool without the old one having been destroyed; an entry that it left must not
 // chain the new one.
-OSMemPool::Secondary::Secondary() noexcept : linked_(0) { forget_chain(this); }
+OSMemPool::Secondary::Secondary() noexcept { forget_chain(this); }
 
-OSMemPool::Secondary::~Secondary() {
-  if (linked_ != 0) forget_chain(this);
-}
+OSMemPool::Secondary::~Secondary() { forget_chain(this); }
 
 OSMemPool::Secondary::operator OSMemPool*() const {
-  if (linked_ == 0) return nullptr;
   const std::lock_guard<std::mutex> lock(chain_mutex);
   const ChainedPool* entry = *find_chain_locked(this);
   return entry == nullptr ? nullptr : entry->pool;
 }
 
 OSMemPool::Secondary& OSMemPool::Secondary::operator=(OSMemPool* pool) {
-  if (pool != nullptr && remember_chain(this, pool)) {
-    linked_ = 1;
-    return *this;
+  if (pool != nullptr) {
+    remember_chain(this, pool);
+  } else {
+    forget_chain(this);
   }
-  if (linked_ != 0) forget_chain(this);
-  linked_ = 0;
   return *this;
 }
 
@@ -189,8 +184,6 @@ void OSMemPool::Free(ADDR memory) {
   const OSMemBlock block = *at<OSMemBlock>(start);
 
   OSMemArea* area = at<OSMemArea>(start);
-  area->next = 0;
-  area->last = 0;
   area->size = block.size;
   at<OSMemPool>(start - block.pool)->_Free(area);
 }
@@ -214,6 +207,7 @@ void OSMemPool::_Free(OSMemArea* area) {
     }
     if (h->next == 0) {
       join(h, area);
+      join(area, nullptr);
       return;
     }
   }

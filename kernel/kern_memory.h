@@ -52,7 +52,8 @@ class OSKERNEL_API OSMemPool {
   OSMemPool(const OSMemPool&) = delete;
   OSMemPool& operator=(const OSMemPool&) = delete;
 
-  /// Sets secondary_pool, the pool to try when this one cannot serve a request; null ends the chain.
+  /// Sets secondary_pool, the pool to try when this one cannot serve a request; null ends the chain. In a chain
+  /// that leads back into itself every pool is asked, and then it ends.
   ///   lends     pool, which outlives this one or is unchained first
   void Chain(OSMemPool* pool);
 
@@ -75,7 +76,8 @@ class OSKERNEL_API OSMemPool {
   /// printed as "OSMemPool::Bad Area %p %p %d\r\n" (start, end, size) and ends the check.
   void Validate(ADDR lo, ADDR hi);
 
-  /// A pool pointer in four bytes on every platform; reads and is assigned as an OSMemPool*.
+  /// A pool pointer that takes no more than four bytes on any platform; reads and is assigned as an OSMemPool*. The
+  /// bytes themselves say nothing: the pointer stands in a table, under their address.
   ///   threads   any; each access takes a private lock, a leaf
   class OSKERNEL_API Secondary {
    public:
@@ -86,15 +88,13 @@ class OSKERNEL_API OSMemPool {
 
     operator OSMemPool*() const;
     OSMemPool* operator->() const { return *this; }
+    /// Without memory for the table's entry it stays null.
     Secondary& operator=(OSMemPool* pool);
-
-   private:
-    std::uint32_t linked_;  ///< 1 when the table of chained pools has an entry for this address
   };
 
-  Secondary secondary_pool;  ///< the next pool to try, null at the end of the chain
-  ULONG size;                ///< bytes of the whole block, these fields included
-  int NoMemIsFatal;          ///< non-zero: running out of memory is fatal
+  alignas(ULONG) Secondary secondary_pool;  ///< the next pool to try, null at the end of the chain
+  ULONG size;                               ///< bytes of the whole block, these fields included
+  int NoMemIsFatal;                         ///< non-zero: running out of memory is fatal
 
  private:
   ADDR _Allocate(ULONG n);

@@ -1,13 +1,10 @@
-// The pools of message buffers: which class serves a request, what an allocation resets and a return checks,
-// what happens when a pool is empty or a buffer damaged, and where the storage lies.
+// The pools of message buffers: where the storage lies, which class serves a request, what an allocation resets,
+// what happens when a pool is empty, and how the pools stop and start.
 
 #include <algorithm>
-#include <atomic>
-#include <barrier>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -17,9 +14,9 @@
 #include <gtest/gtest.h>
 
 #include "kernel/buffer.h"
-#include "support/failing_new.h"
-#include "support/kernel_fixture.h"
-#include "support/ring_check.h"
+#include "support/buffer_pool_fixture.h"
+#include "support/link_drought.h"
+#include "support/section_watch.h"
 #include "support/seed.h"
 #include "support/vtable_slot.h"
 
@@ -28,60 +25,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-
-constexpr UWORD kNeverUsed = 0x5555;
-constexpr UWORD kFreed = 0xAAAA;
-constexpr int kGuardBytes = 64;
-constexpr UBYTE kGuard = 0xA5;
-
-class BufferPools : public KernelTest {
- protected:
-  void SetUp() override {
-    KernelTest::SetUp();
-    FailingNew::reset();
-  }
-  void TearDown() override {
-    FailingNew::reset();
-    KernelTest::TearDown();
-  }
-
-  static OSBuf* pooled(int buf_class) { return as<OSBuf>(OSBuf::buffer_pool[buf_class].FirstObject()); }
-  static std::vector<OSBuf*> all_pooled(int buf_class) {
-    std::vector<OSBuf*> buffers;
-    for (OSLink* node : ring_nodes(OSBuf::buffer_pool[buf_class])) buffers.push_back(as<OSBuf>(node->object));
-    return buffers;
-  }
-  static int class_of(const OSBuf* buf) {
-    for (int i = 0; i < 4; ++i) {
-      if (buf->home_q == &OSBuf::buffer_pool[i]) return i;
-    }
-    return -1;
-  }
-  /// Takes every buffer of a class through the class's own pool.
-  std::vector<OSBuf*> take_class(int buf_class) {
-    std::vector<OSBuf*> taken;
-    const int request = buf_class == 0 ? 0 : std::max(cfg.buf_size[buf_class] - 1, 1);
-    while (OSBuf::PoolSize(buf_class) > 0) taken.push_back(OSBuf::Alloc(request));
-    return taken;
-  }
-  static void give_back(std::vector<OSBuf*>& buffers) {
-    for (OSBuf* buf : buffers) buf->Free();
-    buffers.clear();
-  }
-  /// Every pool is a sound list, and together with what is allocated nothing is missing.
-  void ExpectPoolsSound() {
-    int total = 0, made = 0;
-    for (int i = 0; i < 4; ++i) {
-      EXPECT_TRUE(ListIsSound(OSBuf::buffer_pool[i])) << i;
-      EXPECT_EQ(OSBuf::PoolSize(i), OSBuf::buffer_pool[i].Size());
-      total += OSBuf::PoolSize(i);
-      made += std::max(cfg.buf_qty[i], 0);
-    }
-    EXPECT_TRUE(ListIsSound(*OSBuf::allocated_list));
-    EXPECT_EQ(total + OSBuf::allocated_list->Size(), made);
-    EXPECT_EQ(OS_CRITICAL_BUFFERS.owner_count, 0);
-  }
-};
 
 // ------------------------------------------------------------------------------------------------- layout
 
@@ -116,6 +59,13 @@ TEST_F(BufferPools, VirtualOperationsStandInTheirSlots) {
 
 TEST_F(BufferPools, ANewBufferIsMarkedAndEmpty) {
   OSBuf buf;
+  EXPECT_EQ(buf.home_q, nullptr);
+  EXPECT_EQ(buf.payload, nullptr);
+  EXPECT_EQ(buf.size, 0);
+  EXPECT_EQ(buf.data, nullptr);
+  EXPECT_EQ(buf.length, 0);
+  EXPECT_EQ(buf.trace, 0);
+  EXPECT_EQ(buf.flags, 3);
   EXPECT_EQ(buf.id, 0x44556677u);
   EXPECT_EQ(buf.timeStamp, 0u);
   EXPECT_EQ(buf.destPtr, nullptr);
@@ -193,6 +143,21 @@ TEST_F(BufferPools, ObjectStorageAndGuardAlternateInOneBlock) {
   }
   ExpectApart(extents);
   EXPECT_LE(high - low, used + extents.size() * (alignof(std::max_align_t) + kGuardBytes)) << "one block";
+}
+
+TEST_F(BufferPools, TheBufferThatWasMadeLastIsHandedOutFirst) {
+  StartQuiet();
+  const OSBuf* end_of_class_before = nullptr;
+  for (int i = 0; i < 4; ++i) {
+    SCOPED_TRACE(i);
+    const std::vector<OSBuf*> buffers = all_pooled(i);
+    EXPECT_TRUE(std::is_sorted(buffers.rbegin(), buffers.rend(), std::less<>())) << "from the block's end";
+    EXPECT_TRUE(std::less<>()(end_of_class_before, buffers.back())) << "class after class";
+    end_of_class_before = buffers.front();
+  }
+  OSBuf* buf = OSBuf::Alloc(10);
+  EXPECT_LT(reinterpret_cast<std::uintptr_t>(pooled(1)), reinterpret_cast<std::uintptr_t>(buf));
+  buf->Free();
 }
 
 TEST_F(BufferPools, OddSizesAndQuantitiesStillGiveAlignedBuffersThatLieApart) {
@@ -326,8 +291,10 @@ TEST_F(BufferPools, AnAllocationStartsTheBufferAnew) {
   buf->local_ipaddr = buf->remote_ipaddr = 1;
   buf->local_port = buf->remote_port = 2;
   buf->trace = 9;
+  const UBYTE* data = buf->data;
   buf->Free();
   EXPECT_EQ(buf->length, kFreed);
+  EXPECT_EQ(buf->data, data);
   EXPECT_EQ(buf->trace, 0);
   OSBuf* again = OSBuf::Alloc(10);
   ASSERT_EQ(again, buf) << "the buffer freed last is handed out first";
@@ -433,11 +400,7 @@ TEST_F(BufferPools, ARequestThatNoClassCanServeIsFatal) {
 
 TEST_F(BufferPools, EveryAllocatedBufferIsPrintedBeforeTheEnd) {
   StartQuiet();
-  std::vector<OSBuf*> held;
-  for (int i = 1; i < 4; ++i) {
-    std::vector<OSBuf*> more = take_class(i);
-    held.insert(held.end(), more.begin(), more.end());
-  }
+  std::vector<OSBuf*> held = take_storage();
   EXPECT_EQ(held.size(), 105u);
   EXPECT_EQ(OSBuf::Alloc(10), nullptr);
   EXPECT_THAT(console.fatals(), ElementsAre("OSBuffer::Alloc Out Of Buffers 10"));
@@ -457,6 +420,48 @@ TEST_F(BufferPools, EveryAllocatedBufferIsPrintedBeforeTheEnd) {
   OSBuf* buf = OSBuf::Alloc(10);
   ASSERT_NE(buf, nullptr);
   buf->Free();
+}
+
+TEST_F(BufferPools, TheEndIsReportedAfterEverythingIsPrinted) {
+  class Ending : public RecordingConsole {
+   public:
+    void Fatal(const char* format, ...) override OSKERNEL_PRINTF(2, 3) {
+      RecordingConsole::Fatal("%s", format);
+      printed_before = calls().size();
+    }
+    std::size_t printed_before = 0;
+  };
+  StartQuiet();
+  std::vector<OSBuf*> held = take_class(0);
+  Ending ending;
+  Console = &ending;
+  EXPECT_EQ(OSBuf::Alloc(0), nullptr);
+  Console = &console;
+  EXPECT_THAT(ending.fatals(), ElementsAre("OSBuffer::Alloc Out Of Buffers %d"));
+  EXPECT_EQ(ending.printed_before, 101u);
+  EXPECT_EQ(ending.calls().size(), 101u);
+  give_back(held);
+}
+
+TEST_F(BufferPools, NothingIsAllocatedFromTheHeapForAMessage) {
+  StartQuiet();
+  OSCallbackRecord record;
+  FailingNew::fail_at_least(0);
+  for (int round = 0; round < 3; ++round) {
+    std::vector<OSBuf*> held = take_storage();
+    for (OSBuf* buf : held) {
+      buf->PushData("message");
+      buf->AddDataCallback(OSCallback::Alloc(
+          &record, [](OSObj*, ADDR, ULONG) {}, nullptr, nullptr, 0));
+    }
+    EXPECT_EQ(held.size(), 105u);
+    EXPECT_EQ(record.Size(), 105);
+    give_back(held);
+    EXPECT_EQ(record.Size(), 0);
+  }
+  FailingNew::reset();
+  EXPECT_THAT(console.calls(), IsEmpty());
+  EXPECT_THAT(console.fatals(), IsEmpty());
 }
 
 TEST_F(BufferPools, ClassZeroIsNotHelpedOutByTheOthers) {
@@ -485,33 +490,121 @@ TEST_F(BufferPools, ExhaustionLeavesTheSectionFree) {
 }
 
 TEST_F(BufferPools, NothingIsPrintedWhileTheSectionIsHeld) {
-  class Watching : public RecordingConsole {
-   public:
-    void vPrint(const char* format, va_list arguments) override OSKERNEL_PRINTF(2, 0) {
-      if (OS_CRITICAL_BUFFERS.owner_count != 0) ++held;
-      RecordingConsole::vPrint(format, arguments);
-    }
-    int held = 0;
-  };
   StartQuiet();
-  Watching watching;
-  Console = &watching;
+  const SectionWatch watch(&OS_CRITICAL_BUFFERS);
   OSBuf* buf = OSBuf::Alloc("text");
   EXPECT_EQ(OSBuf::Alloc(5000), nullptr);
   dump_allocated();
-  EXPECT_GT(watching.calls().size(), 4u);
-  EXPECT_EQ(watching.held, 0);
+  buf->Print();
+  EXPECT_EQ(watch.fatals().size(), 1u);
+  EXPECT_GT(watch.calls().size(), 4u);
+  EXPECT_EQ(watch.calls_inside(), 0);
   buf->Free();
-  Console = &console;
+}
+
+TEST_F(BufferPools, EachClassRunsOutForTheRequestsThatNeedIt) {
+  struct Row {
+    int emptied;    // this class and the larger ones
+    int refused;    // the least request that needs them
+    int served_by;  // the size of the buffer that a smaller request still gets
+  };
+  for (const Row& row : {Row{3, 600, 600}, Row{2, 100, 100}, Row{1, 1, 0}}) {
+    SCOPED_TRACE(row.emptied);
+    console.clear();
+    StartQuiet();
+    std::vector<OSBuf*> held;
+    for (int i = row.emptied; i < 4; ++i) {
+      for (OSBuf* buf : take_class(i)) held.push_back(buf);
+    }
+    EXPECT_EQ(OSBuf::Alloc(row.refused), nullptr);
+    EXPECT_THAT(console.fatals(),
+                ElementsAre("OSBuffer::Alloc Out Of Buffers " + std::to_string(row.refused)));
+    for (int i = 0; i < row.emptied; ++i) {
+      EXPECT_EQ(OSBuf::PoolSize(i), cfg.buf_qty[i]) << "the smaller ones are no help";
+      EXPECT_EQ(OSBuf::min_count[i], cfg.buf_qty[i]);
+    }
+    for (int i = row.emptied; i < 4; ++i) EXPECT_EQ(OSBuf::min_count[i], 0);
+    OSBuf* smaller = OSBuf::Alloc(row.refused - 1);
+    ASSERT_NE(smaller, nullptr);
+    EXPECT_EQ(smaller->size, row.served_by);
+    smaller->Free();
+    OSBuf* returned = held.back();
+    held.pop_back();
+    returned->Free();
+    EXPECT_EQ(OSBuf::Alloc(row.refused), returned) << "one that comes back serves at once";
+    held.push_back(returned);
+    give_back(held);
+    EXPECT_EQ(console.fatals().size(), 1u);
+    ExpectPoolsSound();
+    Stop();
+  }
+}
+
+TEST_F(BufferPools, AnEmptyLinkPoolGrowsForABuffer) {
+  StartQuiet();
+  const LinkDrought drought;
+  FailingNew::reset();
+  OSBuf* buf = OSBuf::Alloc(10);
+  ASSERT_NE(buf, nullptr);
+  EXPECT_EQ(OSBuf::allocated_list->PosInList(buf), 0);
+  EXPECT_THAT(console.calls(), IsEmpty());
+  buf->Free();
+  ExpectPoolsSound();
+}
+
+TEST_F(BufferPools, WithoutALinkABufferWorksButIsNotListed) {
+  StartQuiet();
+  const LinkDrought drought;
+  OSBuf* buf = OSBuf::Alloc(10);
+  EXPECT_THAT(console.fatals(), ElementsAre(kOutOfLinks));
+  ASSERT_NE(buf, nullptr);
+  EXPECT_EQ(buf->size, 100);
+  EXPECT_EQ(buf->length, 0);
+  EXPECT_EQ(OSBuf::allocated_list->Size(), 0);
+  EXPECT_EQ(OSBuf::PoolSize(1), 24);
+  EXPECT_EQ(OSBuf::min_count[1], 24);
+  buf->PushData("works");
+  buf->Free();
+  EXPECT_EQ(OSBuf::PoolSize(1), 25);
+  buf->Free();
+  EXPECT_THAT(console.fatals(), ElementsAre(kOutOfLinks, freed_twice(buf, 100)));
+  ExpectPoolsSound();
+}
+
+TEST_F(BufferPools, OfTwoEmptyPoolsTheBuffersAreReported) {
+  StartQuiet();
+  std::vector<OSBuf*> held = take_storage();
+  {
+    const LinkDrought drought;
+    EXPECT_EQ(OSBuf::Alloc(10), nullptr);
+    EXPECT_THAT(console.fatals(), ElementsAre("OSBuffer::Alloc Out Of Buffers 10"));
+    console.clear();
+    pooled(0)->id = 0;
+    OSBuf* got = OSBuf::Alloc(0);
+    EXPECT_THAT(console.fatals(), ElementsAre("OSBuf::Alloc - Corrupt", kOutOfLinks));
+    ASSERT_NE(got, nullptr);
+    got->Free();
+  }
+  give_back(held);
+  EXPECT_EQ(OSBuf::PoolSize(0), 99);
+}
+
+TEST_F(BufferPools, ARefusedRequestKeepsNoLink) {
+  StartQuiet();
+  const ULONG links = OSLink::link_pool_size;
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(OSBuf::Alloc(5000), nullptr);
+  EXPECT_EQ(OSLink::link_pool_size, links);
+}
+
+TEST_F(BufferPools, ThereIsNoClassBeyondTheFour) {
+  StartQuiet();
+  for (int buf_class : {-1, 4, 5, INT32_MIN, INT32_MAX})
+    EXPECT_EQ(OSBuf::PoolSize(buf_class), 0) << buf_class;
 }
 
 TEST_F(BufferPools, EveryRefusedCopyOutlivesExhaustion) {
   StartQuiet();
-  std::vector<OSBuf*> held;
-  for (int i = 1; i < 4; ++i) {
-    std::vector<OSBuf*> more = take_class(i);
-    held.insert(held.end(), more.begin(), more.end());
-  }
+  std::vector<OSBuf*> held = take_storage();
   const UBYTE bytes[] = {1, 2, 3};
   EXPECT_EQ(OSBuf::Alloc(bytes, 3), nullptr);
   EXPECT_EQ(OSBuf::Alloc("abc"), nullptr);
@@ -519,501 +612,6 @@ TEST_F(BufferPools, EveryRefusedCopyOutlivesExhaustion) {
   EXPECT_EQ(console.fatals().size(), 3u);
   give_back(held);
   ExpectPoolsSound();
-}
-
-// --------------------------------------------------------------------------------------- damaged buffers
-
-TEST_F(BufferPools, ADamagedMarkIsReportedOnAlloc) {
-  StartQuiet();
-  OSBuf* damaged = pooled(1);
-  damaged->id = 0x44556676;
-  OSBuf* got = OSBuf::Alloc(10);
-  ASSERT_FALSE(console.fatals().empty());
-  EXPECT_EQ(console.fatals().front(), "OSBuf::Alloc - Corrupt");
-  damaged->id = 0x44556677;
-  if (got != nullptr) got->Free();
-  EXPECT_EQ(console.fatals().size(), 1u);
-  ExpectPoolsSound();
-}
-
-TEST_F(BufferPools, ADamagedMarkIsReportedOnFree) {
-  StartQuiet();
-  OSBuf* buf = OSBuf::Alloc(10);
-  buf->id = 0;
-  buf->Free();
-  EXPECT_THAT(console.fatals(), ElementsAre("OSBuf::Free - Corrupt"));
-  buf->id = 0x44556677;
-  ExpectPoolsSound();
-  if (OSBuf::allocated_list->PosInList(buf) >= 0) buf->Free();
-  EXPECT_EQ(console.fatals().size(), 1u);
-  ExpectPoolsSound();
-}
-
-TEST_F(BufferPools, DataBelowTheStorageIsReportedOnFree) {
-  StartQuiet();
-  OSBuf* buf = OSBuf::Alloc(10);
-  buf->data = buf->payload - 1;
-  buf->length = 1;
-  buf->Free();
-  EXPECT_THAT(console.fatals(), ElementsAre("OSBuf::Free - Corrupted buffer - pushed down too far"));
-  ExpectPoolsSound();
-  if (OSBuf::allocated_list->PosInList(buf) >= 0) {
-    buf->data = buf->payload + buf->size;
-    buf->length = 0;
-    buf->Free();
-  }
-  EXPECT_EQ(console.fatals().size(), 1u);
-  ExpectPoolsSound();
-}
-
-TEST_F(BufferPools, AByteWrittenPastTheStorageIsReportedOnFree) {
-  StartQuiet();
-  struct Row {
-    int request;
-    UWORD pushed;
-    int extra;  // how far length reaches over the end
-    const char* message;
-  };
-  const Row rows[] = {
-      {10, 10, 1, "OSBuf::Free - Corrupted Overhang (size 100, data 90, length 11, overrun 1)"},
-      {10, 100, 5, "OSBuf::Free - Corrupted Overhang (size 100, data 0, length 105, overrun 5)"},
-      {700, 0, 0, "OSBuf::Free - Corrupted Overhang (size 1740, data 1740, length 0, overrun 0)"},
-      {700, 40, -30, "OSBuf::Free - Corrupted Overhang (size 1740, data 1700, length 10, overrun -30)"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.message);
-    console.clear();
-    OSBuf* buf = OSBuf::Alloc(row.request);
-    buf->PushDown(row.pushed);
-    buf->length = static_cast<UWORD>(buf->length + row.extra);
-    buf->payload[buf->size] = 0;
-    buf->Free();
-    EXPECT_THAT(console.fatals(), ElementsAre(row.message));
-    buf->payload[buf->size] = kGuard;
-    if (OSBuf::allocated_list->PosInList(buf) >= 0) buf->Free();
-    EXPECT_EQ(console.fatals().size(), 1u);
-    ExpectPoolsSound();
-  }
-}
-
-TEST_F(BufferPools, OnlyTheFirstGuardByteIsLookedAt) {
-  StartQuiet();
-  OSBuf* buf = OSBuf::Alloc(10);
-  std::memset(buf->payload + buf->size + 1, 0, kGuardBytes - 1);
-  buf->Free();
-  EXPECT_THAT(console.fatals(), IsEmpty());
-  std::memset(buf->payload + buf->size + 1, kGuard, kGuardBytes - 1);
-}
-
-TEST_F(BufferPools, TheMarkIsCheckedBeforeTheData) {
-  StartQuiet();
-  OSBuf* buf = OSBuf::Alloc(10);
-  buf->id = 1;
-  buf->data = buf->payload - 1;
-  buf->payload[buf->size] = 0;
-  buf->Free();
-  ASSERT_FALSE(console.fatals().empty());
-  EXPECT_EQ(console.fatals().front(), "OSBuf::Free - Corrupt");
-  buf->id = 0x44556677;
-  console.clear();
-  if (OSBuf::allocated_list->PosInList(buf) >= 0) {
-    buf->Free();
-    ASSERT_FALSE(console.fatals().empty());
-    EXPECT_EQ(console.fatals().front(), "OSBuf::Free - Corrupted buffer - pushed down too far");
-  }
-  buf->payload[buf->size] = kGuard;
-  buf->data = buf->payload + buf->size;
-  if (OSBuf::allocated_list->PosInList(buf) >= 0) buf->Free();
-  ExpectPoolsSound();
-}
-
-TEST_F(BufferPools, FreeingTwiceIsReportedWithAddressAndSize) {
-  StartQuiet();
-  for (int request : {0, 10, 700}) {
-    console.clear();
-    OSBuf* buf = OSBuf::Alloc(request);
-    buf->Free();
-    EXPECT_THAT(console.fatals(), IsEmpty());
-    buf->Free();
-    char message[80];
-    snprintf(message, sizeof message, "OSBuffer::Free freed twice %p %d", static_cast<void*>(buf), buf->size);
-    EXPECT_THAT(console.fatals(), ElementsAre(message));
-    ExpectPoolsSound();
-    buf->Free();
-    EXPECT_THAT(console.fatals(), ElementsAre(message, message)) << "and again";
-    ExpectPoolsSound();
-  }
-}
-
-TEST_F(BufferPools, FreeingTwiceIsFoundWhateverTheLengthSays) {
-  StartQuiet();
-  for (UWORD length : {UWORD{0}, UWORD{1}, UWORD{100}, kNeverUsed}) {
-    SCOPED_TRACE(length);
-    console.clear();
-    OSBuf* buf = OSBuf::Alloc(10);
-    buf->Free();
-    buf->length = length;  // a stale owner went on writing
-    buf->Free();
-    char message[80];
-    snprintf(message, sizeof message, "OSBuffer::Free freed twice %p %d", static_cast<void*>(buf), 100);
-    EXPECT_THAT(console.fatals(), ElementsAre(message));
-    ExpectPoolsSound();
-  }
-}
-
-TEST_F(BufferPools, FreeingABufferThatWasNeverAllocatedDoesNoHarm) {
-  StartQuiet();
-  for (int i = 0; i < 4; ++i) {
-    console.clear();
-    OSBuf* buf = pooled(i);
-    buf->Free();
-    EXPECT_FALSE(console.fatals().empty());
-    ExpectPoolsSound();
-    EXPECT_EQ(OSBuf::PoolSize(i), cfg.buf_qty[i]);
-  }
-}
-
-TEST_F(BufferPools, TheMarksAreLegalLengthsOfALargePacket) {
-  cfg.buf_size[3] = 60000;
-  cfg.buf_qty[3] = 2;
-  StartQuiet();
-  for (UWORD length : {kNeverUsed, kFreed}) {
-    SCOPED_TRACE(length);
-    OSBuf* buf = OSBuf::Alloc(30000);
-    ASSERT_NE(buf, nullptr);
-    EXPECT_EQ(buf->size, 60000);
-    std::memset(buf->Put(length), 'x', length);
-    EXPECT_EQ(buf->length, length);
-    OSBuf* other = OSBuf::Alloc(30000);
-    buf->Free();
-    EXPECT_THAT(console.fatals(), IsEmpty());
-    EXPECT_EQ(OSBuf::PoolSize(3), 1);
-    buf->Free();
-    EXPECT_EQ(console.fatals().size(), 1u);
-    console.clear();
-    other->Free();
-    ExpectPoolsSound();
-  }
-}
-
-TEST_F(BufferPools, TwoThreadsThatFreeOneBufferAreReportedOnce) {
-  StartQuiet();
-  constexpr int kRounds = 500;
-  std::barrier meet(2);
-  OSBuf* buf = nullptr;
-  std::atomic<int> wrong{0};
-  const auto free_it = [&](bool first) {
-    for (int round = 0; round < kRounds; ++round) {
-      if (first) buf = OSBuf::Alloc(round % 2 == 0 ? 10 : 0);
-      meet.arrive_and_wait();
-      buf->Free();
-      meet.arrive_and_wait();
-      if (first && static_cast<int>(console.fatals().size()) != round + 1) ++wrong;
-    }
-  };
-  std::thread other(free_it, false);
-  free_it(true);
-  other.join();
-  EXPECT_EQ(wrong, 0);
-  EXPECT_EQ(console.fatals().size(), static_cast<std::size_t>(kRounds));
-  for (const std::string& message : console.fatals()) {
-    EXPECT_EQ(message.substr(0, 26), "OSBuffer::Free freed twice");
-  }
-  ExpectPoolsSound();
-}
-
-// ------------------------------------------------------------------------------------- storage elsewhere
-
-TEST_F(BufferPools, ForeignStorageIsNeitherInspectedNorKept) {
-  StartQuiet();
-  for (int request : {0, 10, 700}) {
-    SCOPED_TRACE(request);
-    OSBuf* buf = OSBuf::Alloc(request);
-    UBYTE* own_payload = buf->payload;
-    const UWORD own_size = buf->size;
-    auto foreign = std::make_unique<UBYTE[]>(40);  // exactly: a look behind it is found by the sanitizer
-    buf->SetPayload(foreign.get(), 40);
-    EXPECT_EQ(buf->payload, foreign.get());
-    EXPECT_EQ(buf->size, 40);
-    EXPECT_EQ(buf->data, foreign.get() + 40);
-    EXPECT_EQ(buf->length, 0);
-    buf->PushDown(40);
-    std::memset(buf->data, 'x', 40);
-    buf->Free();
-    EXPECT_THAT(console.fatals(), IsEmpty());
-    EXPECT_EQ(foreign[39], 'x');
-    EXPECT_EQ(buf->payload, own_payload);
-    EXPECT_EQ(buf->size, own_size);
-    OSBuf* again = OSBuf::Alloc(request);
-    ASSERT_EQ(again, buf);
-    EXPECT_EQ(again->data, own_payload + own_size);
-    again->Free();
-    EXPECT_THAT(console.fatals(), IsEmpty());
-    ExpectPoolsSound();
-  }
-}
-
-TEST_F(BufferPools, ForeignStorageMayBeReleasedBeforeTheBufferIs) {
-  StartQuiet();
-  OSBuf* buf = OSBuf::Alloc(0);
-  {
-    auto first = std::make_unique<UBYTE[]>(16);
-    buf->SetPayload(first.get(), 16);
-  }
-  auto second = std::make_unique<UBYTE[]>(2000);
-  buf->SetPayload(second.get(), 2000);
-  EXPECT_EQ(buf->size, 2000);
-  second.reset();
-  buf->Free();
-  EXPECT_THAT(console.fatals(), IsEmpty());
-  EXPECT_EQ(buf->payload, nullptr);
-  EXPECT_EQ(buf->size, 0);
-}
-
-TEST_F(BufferPools, NoForeignStorageAtAllIsPossibleToo) {
-  StartQuiet();
-  OSBuf* buf = OSBuf::Alloc(10);
-  UBYTE* own = buf->payload;
-  buf->SetPayload(nullptr, 0);
-  EXPECT_EQ(buf->payload, nullptr);
-  EXPECT_EQ(buf->size, 0);
-  EXPECT_EQ(buf->data, nullptr);
-  EXPECT_EQ(buf->length, 0);
-  buf->Free();
-  EXPECT_EQ(buf->payload, own);
-  EXPECT_EQ(buf->size, 100);
-  EXPECT_THAT(console.fatals(), IsEmpty());
-}
-
-TEST_F(BufferPools, DataBelowForeignStorageIsReportedToo) {
-  StartQuiet();
-  OSBuf* buf = OSBuf::Alloc(0);
-  UBYTE foreign[80] = {};
-  buf->SetPayload(foreign + 40, 20);
-  buf->data = foreign + 39;
-  buf->Free();
-  EXPECT_THAT(console.fatals(), ElementsAre("OSBuf::Free - Corrupted buffer - pushed down too far"));
-  ExpectPoolsSound();
-  if (OSBuf::allocated_list->PosInList(buf) >= 0) {
-    buf->data = foreign + 40;
-    buf->Free();
-  }
-  EXPECT_EQ(console.fatals().size(), 1u);
-}
-
-TEST_F(BufferPools, ABufferOfTheCallersOwnFreesNoForeignStorage) {
-  StartQuiet();
-  UBYTE foreign[64];
-  std::memset(foreign, 7, sizeof foreign);
-  {
-    OSBuf own;
-    own.SetPayload(foreign, sizeof foreign);
-    own.PushData(UBYTE{9});
-    EXPECT_EQ(foreign[63], 9);
-  }
-  EXPECT_EQ(foreign[0], 7);
-  EXPECT_THAT(console.fatals(), IsEmpty());
-  ExpectPoolsSound();
-}
-
-// ------------------------------------------------------------------------- a heap that cannot give a block
-
-class BufferFallback : public BufferPools {
- protected:
-  static constexpr int kQuantity[4] = {3, 4, 5, 6};
-  static constexpr ULONG kMemory = 64 * 1024;
-
-  void SetUp() override {
-    BufferPools::SetUp();
-    std::copy_n(kQuantity, 4, cfg.buf_qty);
-    cfg.trigger_stack = 0;
-    cfg.callback_qty = 5;
-    cfg.link_qty = 30;
-  }
-  void TearDown() override {
-    if (up_) stop();
-    BufferPools::TearDown();
-  }
-  /// Starts with `memory` for the kernel's pool and no heap for the block of buffers.
-  void start(ULONG memory) {
-    memory_.assign(memory / sizeof(std::max_align_t) + 1, {});
-    UBYTE* base = memory == 0 ? nullptr : reinterpret_cast<UBYTE*>(memory_.data());
-    FailingNew::fail_at_least(8000);
-    os_startup(base, memory, &cfg);
-    FailingNew::reset();
-    up_ = true;
-  }
-  void stop() {
-    os_cleanup();
-    up_ = false;
-  }
-  bool inside_memory(const UBYTE* at) const {
-    const UBYTE* start = reinterpret_cast<const UBYTE*>(memory_.data());
-    return at >= start && at < start + kMemory;
-  }
-
- private:
-  std::vector<std::max_align_t> memory_;
-  bool up_ = false;
-};
-
-TEST_F(BufferFallback, StorageComesFromTheKernelsMemoryPool) {
-  start(kMemory);
-  EXPECT_THAT(console.fatals(), IsEmpty());
-  const ULONG storage = 4 * (100 + 8) + 5 * (600 + 8) + 6 * (1740 + 8);
-  EXPECT_EQ(OS_MEMORY->FreeSpace(), kMemory - 12 - storage) << "no guard bytes";
-  for (int i = 0; i < 4; ++i) {
-    EXPECT_EQ(OSBuf::PoolSize(i), kQuantity[i]);
-    for (OSBuf* buf : all_pooled(i)) {
-      EXPECT_EQ(buf->size, cfg.buf_size[i]);
-      EXPECT_EQ(buf->length, kNeverUsed);
-      EXPECT_FALSE(inside_memory(reinterpret_cast<UBYTE*>(buf))) << "the object lies on the heap";
-      if (i > 0) {
-        EXPECT_TRUE(inside_memory(buf->payload));
-      }
-    }
-  }
-  ExpectPoolsSound();
-  stop();
-  EXPECT_EQ(OS_MEMORY->FreeSpace(), kMemory - 12) << "the storage is given back";
-}
-
-TEST_F(BufferFallback, BuffersWorkWithoutGuardBytes) {
-  start(kMemory);
-  std::vector<OSBuf*> held;
-  for (int i = 1; i < 4; ++i) {
-    std::vector<OSBuf*> more = take_class(i);
-    held.insert(held.end(), more.begin(), more.end());
-  }
-  EXPECT_EQ(held.size(), 15u);
-  for (OSBuf* buf : held) {
-    const UWORD size = buf->size;
-    buf->PushDown(size);
-    std::memset(buf->data, 0xFF, size);
-  }
-  give_back(held);
-  EXPECT_THAT(console.fatals(), IsEmpty()) << "what follows the storage is not looked at";
-  OSBuf* text = OSBuf::Alloc("hello");
-  EXPECT_EQ(text->length, 5);
-  text->PushData(ULONG{0x01020304});
-  OSBuf* copy = text->Duplicate();
-  EXPECT_EQ(copy->PullLong(), 0x01020304u);
-  copy->Free();
-  text->Free();
-  OSBuf* foreign = OSBuf::Alloc(10);
-  UBYTE bytes[30];
-  foreign->SetPayload(bytes, 30);
-  foreign->Free();
-  EXPECT_THAT(console.fatals(), IsEmpty());
-  stop();
-  EXPECT_EQ(OS_MEMORY->FreeSpace(), kMemory - 12);
-}
-
-TEST_F(BufferFallback, ThePushThatGoesTooFarIsStillFound) {
-  start(kMemory);
-  OSBuf* buf = OSBuf::Alloc(10);
-  buf->data = buf->payload - 1;
-  buf->Free();
-  EXPECT_THAT(console.fatals(), ElementsAre("OSBuf::Free - Corrupted buffer - pushed down too far"));
-  if (OSBuf::allocated_list->PosInList(buf) >= 0) {
-    buf->data = buf->payload + buf->size;
-    buf->Free();
-  }
-  ExpectPoolsSound();
-  stop();
-  EXPECT_EQ(OS_MEMORY->FreeSpace(), kMemory - 12);
-}
-
-TEST_F(BufferFallback, AStartAfterwardsUsesTheHeapAgain) {
-  start(kMemory);
-  stop();
-  StartQuiet();
-  EXPECT_THAT(console.fatals(), IsEmpty());
-  for (OSBuf* buf : all_pooled(1)) {
-    EXPECT_FALSE(inside_memory(buf->payload));
-    EXPECT_EQ(buf->payload[buf->size], kGuard);
-  }
-  ExpectPoolsSound();
-}
-
-TEST_F(BufferFallback, AMemoryPoolThatIsTooSmallIsReportedAndNothingIsUnsafe) {
-  for (ULONG memory : {ULONG{0}, ULONG{500}, ULONG{3000}, ULONG{12000}}) {
-    SCOPED_TRACE(memory);
-    console.clear();
-    start(memory);
-    ASSERT_FALSE(console.fatals().empty());
-    for (const std::string& message : console.fatals()) {
-      EXPECT_EQ(message, "OSMemPool::Allocate Out of Memory");
-    }
-    for (int i = 0; i < 4; ++i) {
-      EXPECT_TRUE(ListIsSound(OSBuf::buffer_pool[i]));
-      for (OSBuf* buf : all_pooled(i)) {
-        if (buf->size != 0) {
-          EXPECT_NE(buf->payload, nullptr) << "no buffer promises storage that it has not";
-        }
-      }
-    }
-    console.clear();
-    std::vector<OSBuf*> held;
-    for (int n = 0; n < 15; ++n) {
-      OSBuf* buf = OSBuf::Alloc(90);
-      if (buf == nullptr) break;
-      ASSERT_GT(buf->size, 90);
-      ASSERT_NE(buf->payload, nullptr);
-      buf->PushDown(90);
-      std::memset(buf->data, 1, 90);
-      held.push_back(buf);
-    }
-    give_back(held);
-    stop();
-  }
-}
-
-TEST_F(BufferFallback, StartAndStopLeakNothing) {
-  for (int round = 0; round < 20; ++round) {
-    start(kMemory);
-    OSBuf* buf = OSBuf::Alloc(10);
-    ASSERT_NE(buf, nullptr);
-    buf->Free();
-    stop();
-    ASSERT_EQ(OS_MEMORY->FreeSpace(), kMemory - 12);
-  }
-}
-
-TEST_F(BufferPools, SizesBeyondSixteenBitsNeverPromiseMoreThanThereIs) {
-  for (int size : {65535, 65536, 65536 + 100, 70000, 200000}) {
-    SCOPED_TRACE(size);
-    cfg.buf_size[3] = size;
-    cfg.buf_qty[3] = 3;
-    StartQuiet();
-    OSBuf* buf = OSBuf::Alloc(20000);
-    if (buf != nullptr) {
-      EXPECT_GT(buf->size, 20000);
-      ASSERT_NE(buf->payload, nullptr);
-      const UWORD len = std::min<UWORD>(buf->size, 30000);
-      buf->PushDown(len);
-      std::memset(buf->data, 'y', len);
-      buf->Free();
-    }
-    OSBuf* small = OSBuf::Alloc("small");
-    small->Free();
-    for (const std::string& message : console.fatals()) ADD_FAILURE() << message;
-    ExpectPoolsSound();
-    Stop();
-  }
-}
-
-TEST_F(BufferPools, ABlockOfMoreThanFourGigabytesIsNotComputedInThirtyTwoBits) {
-  if (sizeof(std::size_t) < 8) GTEST_SKIP() << "needs a 64-bit size_t for a block over 4 GiB";
-  cfg.buf_size[3] = 60000;
-  cfg.buf_qty[3] = 72000;  // 4.3e9 bytes; in 32 bits a few megabytes would seem enough
-  cfg.buf_qty[0] = cfg.buf_qty[1] = cfg.buf_qty[2] = 1;
-  FailingNew::fail_at_least(std::size_t{4'000'000'000});
-  StartQuiet();
-  FailingNew::reset();
-  // The heap refused, and the fallback has no memory: reported, and no buffer hands out storage it lacks.
-  ASSERT_FALSE(console.fatals().empty());
-  EXPECT_EQ(console.fatals().front(), "OSMemPool::Allocate Out of Memory");
 }
 
 // --------------------------------------------------------------------------------------- stop and start
@@ -1026,6 +624,137 @@ TEST_F(BufferPools, TheStopReleasesTheListOfAllocatedBuffers) {
   Stop();
   EXPECT_EQ(OSBuf::allocated_list, nullptr);
   EXPECT_EQ(OSLink::link_pool_size, links);
+}
+
+TEST_F(BufferPools, CallbacksOfBuffersThatAreOutReturnWithoutBeingRun) {
+  StartQuiet();
+  static int runs;
+  runs = 0;
+  OSCallbackRecord record;
+  const auto callback = [&record] {
+    return OSCallback::Alloc(
+        &record, [](OSObj*, ADDR, ULONG) { ++runs; }, nullptr, nullptr, 0);
+  };
+  OSBuf* buf = OSBuf::Alloc(10);
+  buf->AddDataCallback(callback());
+  buf->AddBufferCallback(callback());
+  buf->AddBufferCallback(callback());
+  EXPECT_EQ(OSCallback::callback_pool_size, 397u);
+  OSBuf::UnInitialise();
+  EXPECT_EQ(OSCallback::callback_pool_size, 400u);
+  EXPECT_EQ(record.Size(), 0);
+  EXPECT_EQ(runs, 0);
+}
+
+TEST_F(BufferPools, ASecondStopChangesNothing) {
+  StartQuiet();
+  OSBuf::UnInitialise();
+  OSBuf::UnInitialise();
+  ExpectPoolsEmpty();
+  EXPECT_EQ(OSBuf::allocated_list, nullptr);
+  EXPECT_EQ(OSBuf::Alloc(10), nullptr);
+  dump_allocated();
+  OSBuf::Initialise();
+  ExpectPoolsSound();
+}
+
+TEST_F(BufferPools, ASecondStartWithoutAStopBuildsThePoolsAnew) {
+  StartQuiet();
+  OSLinkList list;
+  list.Append(OSBuf::Alloc(10));
+  OSBuf::Initialise();
+  EXPECT_EQ(list.Size(), 0);
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(OSBuf::PoolSize(i), cfg.buf_qty[i]);
+  ExpectPoolsSound();
+}
+
+TEST_F(BufferPools, AHeapThatGivesNothingLeavesEmptyPools) {
+  StartQuiet();
+  static_assert(sizeof(OSIndirectList) < sizeof(OSBuf), "the list is there when the buffers are not");
+  for (const std::size_t limit : {std::size_t{0}, sizeof(OSBuf)}) {
+    SCOPED_TRACE(limit);
+    console.clear();
+    OSBuf::UnInitialise();
+    FailingNew::fail_at_least(limit);
+    OSBuf::Initialise();
+    FailingNew::reset();
+    EXPECT_EQ(OSBuf::allocated_list == nullptr, limit == 0);
+    ExpectPoolsEmpty();
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(OSBuf::min_count[i], cfg.buf_qty[i]);
+    EXPECT_EQ(OSBuf::Alloc(10), nullptr);
+    EXPECT_THAT(console.fatals(), ElementsAre("OSBuffer::Alloc Out Of Buffers 10"));
+  }
+  OSBuf::UnInitialise();
+  OSBuf::Initialise();
+  ExpectPoolsSound();
+}
+
+TEST_F(BufferPools, BuffersThatAreDeletedAreMissingUntilTheNextStart) {
+  StartQuiet();
+  const ULONG links = OSLink::link_pool_size;
+  {
+    OSLinkList owning(1);
+    owning.Append(OSBuf::Alloc(10));
+    owning.Append(OSBuf::Alloc(0));
+    EXPECT_EQ(OSBuf::allocated_list->Size(), 2);
+  }
+  UBYTE* storage = pooled(3)->payload;
+  std::memset(storage, 7, 1740);
+  delete pooled(3);  // in its pool, even
+  for (int i = 0; i < 1740; ++i) ASSERT_EQ(storage[i], 7) << "its storage stays with the block";
+  delete all_pooled(2).back();
+  delete all_pooled(0).back();  // at the very start of the block
+  EXPECT_EQ(OSBuf::allocated_list->Size(), 0);
+  EXPECT_EQ(OSLink::link_pool_size, links);
+  EXPECT_EQ(OSBuf::PoolSize(0), 98);
+  EXPECT_EQ(OSBuf::PoolSize(1), 24);
+  EXPECT_EQ(OSBuf::PoolSize(2), 24);
+  EXPECT_EQ(OSBuf::PoolSize(3), 54);
+  for (int i = 0; i < 4; ++i) EXPECT_TRUE(ListIsSound(OSBuf::buffer_pool[i]));
+  std::vector<OSBuf*> held = take_storage();
+  EXPECT_EQ(held.size(), 24u + 24 + 54);
+  give_back(held);
+  Stop();
+  StartQuiet();
+  ExpectPoolsSound();
+  EXPECT_THAT(console.fatals(), IsEmpty());
+}
+
+TEST_F(BufferPools, BuffersThatAProgramMakesItselfComeFromTheHeap) {
+  int runs = 0;
+  for (int round = 0; round < 2; ++round) {
+    StartQuiet();
+    OSBuf* own = new OSBuf;
+    ASSERT_NE(own, nullptr);
+    OSCallback* callback = OSCallback::Alloc(
+        nullptr, [](OSObj*, ADDR count, ULONG) { ++*static_cast<int*>(count); }, nullptr, &runs, 0);
+    own->AddBufferCallback(callback);
+    UBYTE foreign[20];
+    own->SetPayload(foreign, sizeof foreign);
+    own->PushData("data");
+    own->Free();
+    EXPECT_EQ(runs, round + 1);
+    EXPECT_EQ(own->payload, nullptr) << "left to its maker, empty and without storage";
+    EXPECT_EQ(own->size, 0);
+    EXPECT_EQ(own->length, kFreed);
+    delete own;
+    EXPECT_THAT(console.fatals(), IsEmpty());
+    EXPECT_EQ(OSCallback::callback_pool_size, 400u);
+    ExpectPoolsSound();
+    Stop();
+  }
+}
+
+TEST_F(BufferPools, ABufferThatIsDestroyedGivesItsCallbacksBack) {
+  StartQuiet();
+  {
+    OSBuf own;
+    own.AddDataCallback(OSCallback::Alloc(
+        nullptr, [](OSObj*, ADDR, ULONG) { FAIL(); }, nullptr, nullptr, 0));
+    own.AddBufferCallback(OSCallback::Alloc(
+        nullptr, [](OSObj*, ADDR, ULONG) { FAIL(); }, nullptr, nullptr, 0));
+  }
+  EXPECT_EQ(OSCallback::callback_pool_size, 400u);
 }
 
 TEST_F(BufferPools, AQueueMayOutliveThePools) {
@@ -1049,6 +778,25 @@ TEST_F(BufferPools, AQueueMayOutliveThePools) {
   queue.FirstBufAndRemove()->Free();
 }
 
+TEST_F(BufferPools, AStopTakesNothingFromAQueueButItsBuffers) {
+  StartQuiet();
+  OSBuf own;
+  OSLinkList list;
+  OSLinkHead ring;
+  OSBuf* const pooled_ones[] = {OSBuf::Alloc(0), OSBuf::Alloc(10), OSBuf::Alloc(10), OSBuf::Alloc(10)};
+  list.Append(pooled_ones[0]);
+  list.Append(&own);
+  list.Append(pooled_ones[1]);
+  ring.Insert(pooled_ones[2], pooled_ones[2]);
+  ring.Insert(pooled_ones[3], pooled_ones[3]);
+  Stop();
+  EXPECT_EQ(list.Size(), 1);
+  EXPECT_TRUE(ListIsSound(list));
+  EXPECT_EQ(as<OSBuf>(list.FirstObject()), &own);
+  EXPECT_TRUE(ring.IsEmpty());
+  list.Remove(&own);
+}
+
 TEST_F(BufferPools, EachStartBuildsThePoolsOfItsConfiguration) {
   for (int round = 0; round < 30; ++round) {
     cfg.buf_qty[0] = 1 + round % 3;
@@ -1066,107 +814,6 @@ TEST_F(BufferPools, EachStartBuildsThePoolsOfItsConfiguration) {
     ExpectPoolsSound();
     Stop();
   }
-  EXPECT_THAT(console.fatals(), IsEmpty());
-}
-
-// ----------------------------------------------------------------------------------------------- threads
-
-TEST_F(BufferPools, ThreadsNeverShareABuffer) {
-  StartQuiet();
-  constexpr int kThreads = 4;
-  std::atomic<int> wrong{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      std::mt19937 random(static_cast<unsigned>(t));
-      std::vector<OSBuf*> held;
-      for (int round = 0; round < 1500; ++round) {
-        const int request = pick(random, 0, 3) == 0 ? 0 : pick(random, 1, 1700);
-        OSBuf* buf = OSBuf::Alloc(request);
-        if (buf == nullptr) {
-          ++wrong;
-          continue;
-        }
-        buf->local_ipaddr = static_cast<ULONG>(t);
-        buf->remote_ipaddr = static_cast<ULONG>(round);
-        if (buf->size > 0) {
-          buf->PushDown(buf->size);
-          std::memset(buf->data, t, buf->length);
-        }
-        held.push_back(buf);
-        if (held.size() < 6) continue;
-        for (OSBuf* mine : held) {
-          if (mine->local_ipaddr != static_cast<ULONG>(t)) ++wrong;
-          for (int i = 0; i < mine->length; ++i) {
-            if (mine->data[i] != t) ++wrong;
-          }
-          mine->Free();
-        }
-        held.clear();
-      }
-      for (OSBuf* mine : held) mine->Free();
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(wrong, 0);
-  EXPECT_THAT(console.fatals(), IsEmpty());
-  for (int i = 0; i < 4; ++i) EXPECT_EQ(OSBuf::PoolSize(i), cfg.buf_qty[i]);
-  ExpectPoolsSound();
-}
-
-TEST_F(BufferPools, ABufferMayBeFreedByAnotherThread) {
-  StartQuiet();
-  for (int round = 0; round < 200; ++round) {
-    OSBuf* buf = OSBuf::Alloc("across");
-    std::thread([buf] {
-      EXPECT_EQ(buf->length, 6);
-      buf->Free();
-    }).join();
-  }
-  EXPECT_THAT(console.fatals(), IsEmpty());
-  ExpectPoolsSound();
-}
-
-TEST_F(BufferPools, ThePoolsAreLockedWhileABufferMoves) {
-  StartQuiet();
-  OSBuf* mine = OSBuf::Alloc(10);
-  EnterCriticalSection(&OS_CRITICAL_BUFFERS);
-  std::atomic<int> done{0};
-  std::thread alloc([&] {
-    OSBuf* buf = OSBuf::Alloc(10);
-    ++done;
-    buf->Free();
-  });
-  std::thread free([&] {
-    mine->Free();
-    ++done;
-  });
-  EXPECT_FALSE(wait_until([&] { return done != 0; }, 50));
-  LeaveCriticalSection(&OS_CRITICAL_BUFFERS);
-  alloc.join();
-  free.join();
-  EXPECT_EQ(done, 2);
-}
-
-TEST_F(BufferPools, AllocatedBuffersCanBeListedWhileOthersComeAndGo) {
-  StartQuiet();
-  std::atomic<bool> stop{false};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 2; ++t) {
-    threads.emplace_back([&stop, t] {
-      while (!stop) {
-        OSBuf* buf = OSBuf::Alloc(t == 0 ? 0 : 10);
-        if (t != 0) buf->PushData("in use");
-        buf->Free();
-      }
-    });
-  }
-  OSBuf* mine = OSBuf::Alloc("mine");
-  for (int i = 0; i < 100; ++i) dump_allocated();
-  stop = true;
-  for (std::thread& thread : threads) thread.join();
-  mine->Free();
-  EXPECT_GE(console.count("OSBuffer: L="), 100);
   EXPECT_THAT(console.fatals(), IsEmpty());
 }
 

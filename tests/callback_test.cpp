@@ -1,4 +1,4 @@
-// Pooled callbacks and the records that keep track of them.
+// The pool of callbacks: taking, returning, exhaustion, stop and start, threads.
 
 #include <algorithm>
 #include <atomic>
@@ -13,11 +13,12 @@
 #include <gtest/gtest.h>
 
 #include "kernel/buffer.h"
-#include "support/failing_new.h"
-#include "support/kernel_fixture.h"
-#include "support/ring_check.h"
+#include "support/callback_fixture.h"
+#include "support/link_drought.h"
+#include "support/section_watch.h"
 #include "support/seed.h"
 #include "support/vtable_slot.h"
+#include "support/watched_thread.h"
 
 namespace oskernel_test {
 namespace {
@@ -25,54 +26,18 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-constexpr char kOutOfCallbacks[] = "OSCallback::Alloc Out Of Callbacks";
-constexpr ULONG kQuantity = 12;
-
-std::atomic<int> runs{0};
-void count_run(OSObj*, ADDR, ULONG) { ++runs; }
-
-class Callback : public KernelTest {
- protected:
-  void SetUp() override {
-    KernelTest::SetUp();
-    FailingNew::reset();
-    cfg.callback_qty = static_cast<int>(kQuantity);
-    runs = 0;
-  }
-  void TearDown() override {
-    FailingNew::reset();
-    if (started_here_) ExpectPoolSound();
-    KernelTest::TearDown();
-  }
-  void Begin() {
-    StartQuiet();
-    started_here_ = true;
-  }
-  void ExpectPoolSound() {
-    const std::vector<OSLink*> nodes = ring_nodes(OSCallback::callback_pool);
-    EXPECT_EQ(nodes.size(), OSCallback::callback_pool_size);
-    for (OSLink* node : nodes) EXPECT_EQ(node->object, node);
-    EXPECT_EQ(OS_CRITICAL_CALLBACKS.owner_count, 0);
-  }
-  static OSCallback* plain(OSCallbackRecord* record = nullptr) {
-    return OSCallback::Alloc(record, count_run, nullptr, nullptr, 0);
-  }
-  /// Takes every free callback.
-  static std::vector<OSCallback*> take_all() {
-    std::vector<OSCallback*> taken;
-    while (OSCallback::callback_pool_size > 0) taken.push_back(plain());
-    return taken;
-  }
-  static void give_back(std::vector<OSCallback*>& callbacks) {
-    for (OSCallback* callback : callbacks) callback->Free();
-    callbacks.clear();
-  }
-
- private:
-  bool started_here_ = false;
-};
-
 // -------------------------------------------------------------------------------------------------- layout
+
+TEST_F(Callback, ACallbackCanBeMadeBeforeTheStart) {
+  const auto own = std::make_unique<OSCallback>();
+  EXPECT_EQ(own->callback_function, nullptr);
+  EXPECT_EQ(own->callback_record, nullptr);
+  EXPECT_EQ(own->object, nullptr);
+  EXPECT_EQ(own->addr, nullptr);
+  EXPECT_EQ(own->value, 0u);
+  EXPECT_EQ(static_cast<OSLink&>(*own).object, nullptr);
+  own->Execute();  // calls nothing
+}
 
 TEST_F(Callback, FieldsStandInTheirOrder) {
   OSCallback callback;
@@ -112,12 +77,13 @@ TEST_F(Callback, CallbacksLieApartAndAligned) {
   for (OSLink* node : ring_nodes(OSCallback::callback_pool)) {
     addresses.push_back(reinterpret_cast<std::uintptr_t>(static_cast<OSCallback*>(node->object)));
   }
+  EXPECT_TRUE(std::is_sorted(addresses.rbegin(), addresses.rend())) << "the one made last comes first";
   std::sort(addresses.begin(), addresses.end());
   ASSERT_EQ(addresses.size(), kQuantity);
   for (std::size_t i = 0; i < addresses.size(); ++i) {
     EXPECT_EQ(addresses[i] % alignof(OSCallback), 0u);
     if (i > 0) {
-      EXPECT_GE(addresses[i] - addresses[i - 1], sizeof(OSCallback));
+      EXPECT_EQ(addresses[i] - addresses[i - 1], sizeof(OSCallback)) << "one block";
     }
   }
 }
@@ -212,23 +178,111 @@ TEST_F(Callback, ThePoolNeverGrows) {
 }
 
 TEST_F(Callback, TheWarningComesOutsideTheSection) {
-  class Watching : public RecordingConsole {
-   public:
-    void vPrint(const char* format, va_list arguments) override OSKERNEL_PRINTF(2, 0) {
-      held = held || OS_CRITICAL_CALLBACKS.owner_count != 0;
-      RecordingConsole::vPrint(format, arguments);
-    }
-    bool held = false;
-  };
   Begin();
   std::vector<OSCallback*> taken = take_all();
-  Watching watching;
-  Console = &watching;
-  EXPECT_EQ(plain(), nullptr);
-  EXPECT_EQ(watching.count(kOutOfCallbacks), 1);
-  EXPECT_FALSE(watching.held);
-  Console = &console;
-  give_back(taken);
+  {
+    const SectionWatch watch(&OS_CRITICAL_CALLBACKS);
+    EXPECT_EQ(plain(), nullptr);
+    EXPECT_EQ(watch.count(kOutOfCallbacks), 1);
+    EXPECT_EQ(watch.calls_inside(), 0);
+    give_back(taken);
+    OSCallbackRecord record;
+    const LinkDrought drought;
+    EXPECT_EQ(plain(&record), nullptr);
+    EXPECT_THAT(watch.fatals(), ElementsAre(kOutOfLinks));
+    EXPECT_EQ(watch.calls_inside(), 0);
+  }
+}
+
+// A program reacts to the warning by giving up what it wanted to do; the end that a lack of links brings would be
+// the answer to another question.
+TEST_F(Callback, OfTwoEmptyPoolsTheCallbacksAreReported) {
+  Begin();
+  std::vector<OSCallback*> held = take_all();
+  {
+    OSCallbackRecord record;
+    const LinkDrought drought;
+    EXPECT_EQ(plain(&record), nullptr);
+    EXPECT_THAT(console.fatals(), IsEmpty());
+    EXPECT_THAT(console.calls(), ElementsAre("WARNING:\r\n", kOutOfCallbacks, "\r\n"));
+    EXPECT_EQ(record.Size(), 0);
+  }
+  give_back(held);
+}
+
+TEST_F(Callback, WithoutALinkForTheRecordNoneIsHandedOut) {
+  Begin();
+  OSCallbackRecord record;
+  {
+    const LinkDrought drought;
+    EXPECT_EQ(plain(&record), nullptr);
+    EXPECT_THAT(console.fatals(), ElementsAre(kOutOfLinks));
+    EXPECT_EQ(console.count(kOutOfCallbacks), 0);
+    EXPECT_EQ(record.Size(), 0);
+    EXPECT_EQ(OSCallback::callback_pool_size, kQuantity);
+    ExpectPoolSound();
+    OSCallback* unrecorded = plain();
+    ASSERT_NE(unrecorded, nullptr) << "which needs no link";
+    EXPECT_EQ(unrecorded->callback_record, nullptr);
+    unrecorded->Free();
+  }
+  OSCallback* callback = plain(&record);
+  ASSERT_NE(callback, nullptr);
+  EXPECT_EQ(record.Size(), 1);
+  callback->Free();
+}
+
+TEST_F(Callback, AnEmptyLinkPoolGrowsForARecord) {
+  Begin();
+  OSCallbackRecord record;
+  const LinkDrought drought;
+  FailingNew::reset();
+  OSCallback* callback = plain(&record);
+  ASSERT_NE(callback, nullptr);
+  EXPECT_EQ(record.Size(), 1);
+  EXPECT_THAT(console.calls(), IsEmpty());
+  callback->Free();
+}
+
+TEST_F(Callback, FreeingTwiceHasNoEffect) {
+  Begin();
+  OSCallback* a = plain();
+  OSCallback* b = plain();
+  a->Free();
+  a->Free();
+  EXPECT_EQ(OSCallback::callback_pool_size, kQuantity - 1);
+  ExpectPoolSound();
+  b->Free();
+  a->Free();
+  EXPECT_EQ(plain(), b) << "nor does it change the order";
+  b->Free();
+  EXPECT_THAT(console.calls(), IsEmpty());
+}
+
+TEST_F(Callback, FreeingAnArmedCallbackTakesItOutOfItsRing) {
+  Begin();
+  OSBuf* buf = OSBuf::Alloc(10);
+  OSCallback* armed = plain();
+  buf->AddDataCallback(plain());
+  buf->AddDataCallback(armed);
+  buf->AddDataCallback(plain());
+  armed->Free();
+  EXPECT_EQ(ring_length(buf->data_free_callback), 2);
+  ExpectPoolSound();
+  buf->Free();
+  EXPECT_EQ(runs, 2);
+}
+
+TEST_F(Callback, ACallbackWithoutFunctionDoesNothing) {
+  Begin();
+  OSBuf* buf = OSBuf::Alloc(10);
+  OSCallback* callback = OSCallback::Alloc(nullptr, nullptr, nullptr, nullptr, 5);
+  ASSERT_NE(callback, nullptr);
+  EXPECT_EQ(callback->callback_function, nullptr);
+  callback->Execute();
+  buf->AddDataCallback(callback);
+  buf->Free();
+  EXPECT_EQ(OSCallback::callback_pool_size, kQuantity);
 }
 
 TEST_F(Callback, AQuantityOfNothingMakesAnEmptyPool) {
@@ -252,15 +306,26 @@ TEST_F(Callback, AHeapThatCannotGiveABlockLeavesAUsablePool) {
   Begin();
   FailingNew::reset();
   ExpectPoolSound();
-  OSCallback* callback = plain();
-  if (callback == nullptr) {
-    EXPECT_EQ(console.count(kOutOfCallbacks), 1);
-  } else {
-    callback->Execute();
-    EXPECT_EQ(runs, 1);
-    callback->Free();
-  }
+  EXPECT_EQ(OSCallback::callback_pool_size, 0u);
+  EXPECT_EQ(plain(), nullptr);
+  EXPECT_EQ(console.count(kOutOfCallbacks), 1);
   ExpectPoolSound();
+}
+
+TEST_F(Callback, WithoutABlockTheStopDestroysWhatIsInThePool) {
+  cfg.callback_qty = 0;
+  StartQuiet();
+  for (int i = 0; i < 3; ++i) (new CountedCallback)->Free();
+  EXPECT_EQ(OSCallback::callback_pool_size, 3u);
+  OSCallback* callback = plain();
+  ASSERT_NE(callback, nullptr) << "the pool lives on what it is given";
+  callback->Execute();
+  EXPECT_EQ(runs, 1);
+  callback->Free();
+  ExpectPoolSound();
+  Stop();
+  EXPECT_EQ(CountedCallback::destroyed, 3);
+  EXPECT_EQ(OSCallback::callback_pool_size, 0u);
 }
 
 TEST_F(Callback, OutsideTheBlockCallbacksLieOnTheHeap) {
@@ -274,6 +339,71 @@ TEST_F(Callback, OutsideTheBlockCallbacksLieOnTheHeap) {
   EXPECT_EQ(OSCallback::callback_pool_size, kQuantity);
 }
 
+TEST_F(Callback, CallbacksThatAreDeletedAreMissingUntilTheNextStart) {
+  Begin();
+  const ULONG links = OSLink::link_pool_size;
+  OSCallbackRecord record;
+  std::vector<OSCallback*> held;
+  for (ULONG i = 0; i < kQuantity; ++i) held.push_back(plain(&record));
+  std::sort(held.begin(), held.end());
+  // The first and the last of the block, neighbours in the middle, in their record and in a ring.
+  {
+    OSLinkHead owning(1);
+    for (std::size_t i : {5u, 6u, 0u, 11u, 4u}) owning.Insert(held[i], held[i]);
+  }
+  EXPECT_EQ(record.Size(), 7);
+  EXPECT_TRUE(ListIsSound(record));
+  EXPECT_EQ(OSLink::link_pool_size, links - 7);
+  EXPECT_EQ(OSCallback::callback_pool_size, 0u);
+  held[1]->Free();
+  held[2]->Free();
+  held[3]->Free();
+  EXPECT_EQ(OSCallback::callback_pool_size, 3u);
+  delete held[2];  // in the pool, even
+  EXPECT_EQ(OSCallback::callback_pool_size, 2u);
+  ExpectPoolSound();
+  OSCallback* again = plain();
+  EXPECT_EQ(again, held[3]);
+  EXPECT_EQ(record.Size(), 4);
+  Stop();
+  EXPECT_EQ(record.Size(), 0) << "those that were left";
+  EXPECT_EQ(OSLink::link_pool_size, links);
+  StartQuiet();
+  EXPECT_EQ(OSCallback::callback_pool_size, kQuantity);
+}
+
+TEST_F(Callback, ACallbackFromTheHeapMayServeThePool) {
+  Begin();
+  OSCallbackRecord record;
+  const ULONG links = OSLink::link_pool_size;
+  auto* own = new OSCallback;
+  own->Free();
+  EXPECT_EQ(OSCallback::callback_pool_size, kQuantity + 1);
+  OSCallback* callback = plain(&record);
+  ASSERT_EQ(callback, own);
+  EXPECT_EQ(record.Size(), 1);
+  delete own;
+  EXPECT_EQ(record.Size(), 0);
+  EXPECT_EQ(OSLink::link_pool_size, links);
+  EXPECT_EQ(OSCallback::callback_pool_size, kQuantity);
+  own = new OSCallback;
+  own->Free();
+  delete own;
+  EXPECT_EQ(OSCallback::callback_pool_size, kQuantity);
+  ExpectPoolSound();
+}
+
+TEST_F(Callback, ASecondStartWithoutAStopBuildsThePoolAnew) {
+  Begin();
+  OSCallbackRecord record;
+  plain(&record);
+  plain(&record);
+  OSCallback::Initialise();
+  EXPECT_EQ(record.Size(), 0);
+  EXPECT_EQ(OSCallback::callback_pool_size, kQuantity);
+  ExpectPoolSound();
+}
+
 TEST_F(Callback, EachStartBuildsThePoolAnew) {
   for (int round = 0; round < 50; ++round) {
     cfg.callback_qty = 1 + round % 5;
@@ -285,140 +415,6 @@ TEST_F(Callback, EachStartBuildsThePoolAnew) {
     if (round % 2 == 0) callback->Free();  // otherwise it is forgotten
     Stop();
   }
-}
-
-// -------------------------------------------------------------------------------------------------- records
-
-TEST_F(Callback, ARecordListsItsCallbacks) {
-  Begin();
-  const ULONG links = OSLink::link_pool_size;
-  OSCallbackRecord record;
-  OSCallback* a = plain(&record);
-  OSCallback* b = plain(&record);
-  OSCallback* other = plain();
-  EXPECT_EQ(record.Size(), 2);
-  EXPECT_EQ(OSLink::link_pool_size, links - 2);
-  EXPECT_EQ(a->callback_record, &record);
-  EXPECT_EQ(as<OSCallback>(record.FirstObject()), a);
-  EXPECT_EQ(as<OSCallback>(record.LastObject()), b);
-  a->Free();
-  EXPECT_EQ(record.Size(), 1);
-  EXPECT_EQ(a->callback_record, nullptr);
-  EXPECT_EQ(OSLink::link_pool_size, links - 1);
-  b->Free();
-  other->Free();
-  EXPECT_EQ(record.Size(), 0);
-  EXPECT_EQ(OSLink::link_pool_size, links);
-  EXPECT_TRUE(ListIsSound(record));
-}
-
-TEST_F(Callback, AReusedCallbackForgetsItsRecord) {
-  Begin();
-  OSCallbackRecord record;
-  OSCallback* callback = plain(&record);
-  callback->Free();
-  OSCallback* again = plain();
-  ASSERT_EQ(again, callback);
-  EXPECT_EQ(again->callback_record, nullptr);
-  again->Free();
-  again = plain(&record);
-  EXPECT_EQ(record.Size(), 1);
-  again->Free();
-}
-
-TEST_F(Callback, CancelCallbacksReleasesThemWithoutRunningThem) {
-  Begin();
-  const ULONG links = OSLink::link_pool_size;
-  OSCallbackRecord record;
-  OSBuf* buf = OSBuf::Alloc(10);
-  buf->AddDataCallback(plain(&record));
-  buf->AddBufferCallback(plain(&record));
-  plain(&record);  // detached
-  OSCallback* kept = plain();
-  buf->AddDataCallback(kept);
-  EXPECT_EQ(OSCallback::callback_pool_size, kQuantity - 4);
-  record.CancelCallbacks();
-  EXPECT_EQ(record.Size(), 0);
-  EXPECT_EQ(OSCallback::callback_pool_size, kQuantity - 1);
-  EXPECT_EQ(OSLink::link_pool_size, links - 1) << "the allocated buffer has one";
-  EXPECT_EQ(runs, 0);
-  EXPECT_EQ(buf->data_free_callback.ListLength(), 1);
-  EXPECT_TRUE(buf->buffer_free_callback.IsEmpty());
-  record.CancelCallbacks();
-  buf->Free();
-  EXPECT_EQ(runs, 1) << "only the one that no record cancelled";
-}
-
-TEST_F(Callback, DestroyingTheRecordCancels) {
-  Begin();
-  OSBuf* buf = OSBuf::Alloc(10);
-  {
-    OSCallbackRecord record;
-    for (int i = 0; i < 5; ++i) buf->AddBufferCallback(plain(&record));
-    EXPECT_EQ(OSCallback::callback_pool_size, kQuantity - 5);
-  }
-  EXPECT_EQ(OSCallback::callback_pool_size, kQuantity);
-  buf->Free();
-  EXPECT_EQ(runs, 0);
-}
-
-TEST_F(Callback, FreeingTheBufferEmptiesTheRecord) {
-  Begin();
-  OSCallbackRecord record;
-  OSBuf* buf = OSBuf::Alloc(10);
-  buf->AddDataCallback(plain(&record));
-  buf->AddBufferCallback(plain(&record));
-  buf->Free();
-  EXPECT_EQ(runs, 2);
-  EXPECT_EQ(record.Size(), 0);
-  EXPECT_EQ(OSCallback::callback_pool_size, kQuantity);
-}
-
-TEST_F(Callback, FlushingARingReturnsItsCallbacksWithoutRunningThem) {
-  Begin();
-  OSLinkHead ring;
-  for (int i = 0; i < 4; ++i) {
-    OSCallback* callback = plain();
-    ring.Insert(callback, callback);
-  }
-  ring.Flush();
-  EXPECT_TRUE(ring.IsEmpty());
-  EXPECT_EQ(OSCallback::callback_pool_size, kQuantity);
-  EXPECT_EQ(runs, 0);
-}
-
-TEST_F(Callback, ManyRecordsKeepTheirOwn) {
-  Begin();
-  OSCallbackRecord records[3];
-  std::vector<OSCallback*> callbacks;
-  for (int i = 0; i < 9; ++i) callbacks.push_back(plain(&records[i % 3]));
-  records[1].CancelCallbacks();
-  EXPECT_EQ(records[0].Size(), 3);
-  EXPECT_EQ(records[1].Size(), 0);
-  EXPECT_EQ(records[2].Size(), 3);
-  EXPECT_EQ(OSCallback::callback_pool_size, kQuantity - 6);
-}
-
-TEST_F(Callback, ARecordMayOutliveThePool) {
-  OSCallbackRecord record;
-  for (int round = 0; round < 3; ++round) {
-    StartQuiet();
-    const ULONG links = OSLink::link_pool_size;
-    OSBuf* buf = OSBuf::Alloc(10);
-    buf->AddBufferCallback(plain(&record));
-    plain(&record);
-    EXPECT_EQ(record.Size(), 2);
-    Stop();
-    EXPECT_EQ(record.Size(), 0) << "it refers to nothing that is gone";
-    EXPECT_TRUE(ListIsSound(record));
-    EXPECT_EQ(OSLink::link_pool_size, links);
-  }
-  StartQuiet();
-  record.CancelCallbacks();
-  OSCallback* callback = plain(&record);
-  EXPECT_EQ(record.Size(), 1);
-  callback->Free();
-  EXPECT_EQ(runs, 0);
 }
 
 // -------------------------------------------------------------------------------------------------- threads
@@ -460,22 +456,22 @@ TEST_F(Callback, ThreadsNeverShareACallback) {
 
 TEST_F(Callback, ThePoolIsLockedWhileACallbackMoves) {
   Begin();
-  OSCallback* mine = plain();
+  OSCallbackRecord record;
+  OSCallback* moving[] = {plain(), plain(&record), plain(&record)};
   EnterCriticalSection(&OS_CRITICAL_CALLBACKS);
-  std::atomic<int> done{0};
-  std::thread alloc([&] {
-    OSCallback* callback = plain();
-    ++done;
-    callback->Free();
-  });
-  std::thread free([&] {
-    mine->Free();
-    ++done;
-  });
-  EXPECT_FALSE(wait_until([&] { return done != 0; }, 50));
-  LeaveCriticalSection(&OS_CRITICAL_CALLBACKS);
-  alloc.join();
-  free.join();
+  {
+    WatchedThread alloc([] { plain()->Free(); });
+    WatchedThread free([&] { moving[0]->Free(); });
+    WatchedThread free_recorded([&] { moving[1]->Free(); });
+    EXPECT_TRUE(alloc.blocked());
+    EXPECT_TRUE(free.blocked());
+    EXPECT_TRUE(free_recorded.blocked());
+    EXPECT_EQ(OSCallback::callback_pool_size, kQuantity - 3);
+    EXPECT_EQ(record.Size(), 2);
+    LeaveCriticalSection(&OS_CRITICAL_CALLBACKS);
+  }
+  EXPECT_EQ(OSCallback::callback_pool_size, kQuantity - 1);
+  EXPECT_EQ(record.Size(), 1);
 }
 
 // --------------------------------------------------------------------------------------------------- random

@@ -3,6 +3,7 @@
 #include "kernel/kern_memory.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sys/mman.h>
 
 #include <algorithm>
@@ -18,6 +19,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/failing_new.h"
 #include "support/kernel_fixture.h"
 #include "support/seed.h"
 
@@ -89,6 +91,37 @@ std::string bad_area_line(const void* area, ULONG size) {
 
 class MemPool : public KernelTest {
  protected:
+  void TearDown() override {
+    FailingNew::reset();
+    KernelTest::TearDown();
+  }
+  /// The memory of two free areas above the head area, each between blocks in use.
+  struct Holes {
+    ADDR high;
+    ADDR low;
+  };
+  static Holes make_holes(Pool& pool, ULONG high_bytes, ULONG low_bytes) {
+    pool->Allocate(4);
+    const Holes holes = {pool->Allocate(high_bytes), (pool->Allocate(4), pool->Allocate(low_bytes))};
+    pool->Allocate(4);
+    OSMemPool::Free(holes.high);
+    OSMemPool::Free(holes.low);
+    return holes;
+  }
+  static ADDR make_hole(Pool& pool, ULONG bytes) {
+    pool->Allocate(4);
+    ADDR hole = pool->Allocate(bytes);
+    pool->Allocate(4);
+    OSMemPool::Free(hole);
+    return hole;
+  }
+  /// The highest address there is.
+  static ADDR at_most() {
+    const std::uintptr_t highest = UINTPTR_MAX;
+    ADDR address = nullptr;
+    std::memcpy(&address, &highest, sizeof address);
+    return address;
+  }
   int fatal_count() const { return static_cast<int>(console.fatals().size()); }
 };
 
@@ -200,10 +233,7 @@ TEST_F(MemPool, OtherAreasAreHandedOutWhole) {
   for (const ULONG request : {20u, 21u, 24u, 28u, 32u}) {
     SCOPED_TRACE(request);
     Pool pool(1000);
-    pool->Allocate(4);
-    ADDR hole = pool->Allocate(32);
-    pool->Allocate(4);
-    OSMemPool::Free(hole);
+    ADDR hole = make_hole(pool, 32);
     const ULONG before = pool->FreeSpace();
     ADDR memory = pool->Allocate(request);
     EXPECT_EQ(memory, hole);
@@ -213,10 +243,7 @@ TEST_F(MemPool, OtherAreasAreHandedOutWhole) {
     EXPECT_EQ(pool->FreeSpace(), before);
   }
   Pool pool(1000);
-  pool->Allocate(4);
-  ADDR hole = pool->Allocate(32);
-  pool->Allocate(4);
-  OSMemPool::Free(hole);
+  ADDR hole = make_hole(pool, 32);
   const ULONG before = pool->FreeSpace();
   ADDR memory = pool->Allocate(16);
   EXPECT_EQ(memory, static_cast<unsigned char*>(hole) + 16);
@@ -226,26 +253,16 @@ TEST_F(MemPool, OtherAreasAreHandedOutWhole) {
 
 TEST_F(MemPool, HighestAreaThatFitsIsUsedFirst) {
   Pool pool(1000);
-  ADDR high = pool->Allocate(50);
-  pool->Allocate(4);
-  ADDR low = pool->Allocate(50);
-  pool->Allocate(4);
-  OSMemPool::Free(high);
-  OSMemPool::Free(low);
-  EXPECT_EQ(pool->Allocate(50), high);
-  EXPECT_EQ(pool->Allocate(50), low);
+  const Holes holes = make_holes(pool, 50, 50);
+  EXPECT_EQ(pool->Allocate(50), holes.high);
+  EXPECT_EQ(pool->Allocate(50), holes.low);
 }
 
 TEST_F(MemPool, AreasThatAreTooSmallArePassedOver) {
   Pool pool(1000);
-  ADDR high = pool->Allocate(20);
-  pool->Allocate(4);
-  ADDR low = pool->Allocate(60);
-  pool->Allocate(4);
-  OSMemPool::Free(high);
-  OSMemPool::Free(low);
-  EXPECT_EQ(pool->Allocate(60), low);
-  EXPECT_EQ(pool->Allocate(20), high);
+  const Holes holes = make_holes(pool, 20, 60);
+  EXPECT_EQ(pool->Allocate(60), holes.low);
+  EXPECT_EQ(pool->Allocate(20), holes.high);
 }
 
 // ---- Coalescing --------------------------------------------------------------------------------------------
@@ -534,6 +551,85 @@ TEST_F(MemPool, ChainReachesPoolsAnywhereInMemory) {
   munmap(mapped, 4096);
 }
 
+TEST_F(MemPool, ChangingOneChainLeavesTheOthers) {
+  Pool pools[] = {Pool(100), Pool(100), Pool(100), Pool(100)};
+  for (int i = 0; i < 3; ++i) pools[i]->Chain(pools[i + 1].get());
+  pools[0]->Chain(pools[2].get());
+  pools[1]->Chain(pools[0].get());
+  EXPECT_EQ(static_cast<OSMemPool*>(pools[0]->secondary_pool), pools[2].get());
+  EXPECT_EQ(static_cast<OSMemPool*>(pools[1]->secondary_pool), pools[0].get());
+  EXPECT_EQ(static_cast<OSMemPool*>(pools[2]->secondary_pool), pools[3].get());
+  pools[1]->Chain(nullptr);
+  EXPECT_EQ(static_cast<OSMemPool*>(pools[0]->secondary_pool), pools[2].get());
+  EXPECT_EQ(static_cast<OSMemPool*>(pools[1]->secondary_pool), nullptr);
+  EXPECT_EQ(static_cast<OSMemPool*>(pools[2]->secondary_pool), pools[3].get());
+  EXPECT_EQ(static_cast<OSMemPool*>(pools[3]->secondary_pool), nullptr);
+}
+
+TEST_F(MemPool, SecondaryPoolCanBeReadAndSetLikeAPointer) {
+  Pool first(100);
+  Pool second(1000);
+  first->secondary_pool = second.get();
+  EXPECT_TRUE(second.contains(first->Allocate(500)));
+  EXPECT_EQ(first->secondary_pool->size, 1000u);
+  first->secondary_pool = nullptr;
+  EXPECT_FALSE(first->secondary_pool);
+  EXPECT_EQ(first->Allocate(200), nullptr);
+}
+
+TEST_F(MemPool, WithoutMemoryForTheChainThePoolStaysAlone) {
+  Pool first(100);
+  Pool second(1000);
+  FailingNew::fail_at_least(0);
+  first->Chain(second.get());
+  FailingNew::reset();
+  EXPECT_EQ(static_cast<OSMemPool*>(first->secondary_pool), nullptr);
+  EXPECT_EQ(first->Allocate(500), nullptr);
+  first->Chain(second.get());
+  FailingNew::fail_at_least(0);
+  first->Chain(first.get());  // its entry is there already
+  FailingNew::reset();
+  EXPECT_EQ(static_cast<OSMemPool*>(first->secondary_pool), first.get());
+}
+
+// A chain of `tail` pools leads into a ring of `ring` pools.
+TEST_F(MemPool, ChainThatRunsIntoItselfEnds) {
+  for (std::size_t tail = 0; tail < 6; ++tail) {
+    for (std::size_t ring = 1; ring < 10; ++ring) {
+      SCOPED_TRACE(testing::Message() << tail << " pools before a ring of " << ring);
+      std::vector<std::unique_ptr<Pool>> pools;
+      for (std::size_t i = 0; i < tail + ring; ++i) pools.push_back(std::make_unique<Pool>(100));
+      for (std::size_t i = 0; i < tail + ring; ++i) {
+        (*pools[i])->Chain(pools[i + 1 < tail + ring ? i + 1 : tail]->get());
+      }
+      for (std::size_t i = 0; i < tail + ring; ++i) {
+        EXPECT_TRUE(pools[i]->contains((*pools[0])->Allocate(40))) << "every pool is asked, " << i;
+      }
+      EXPECT_EQ((*pools[0])->Allocate(40), nullptr);
+      EXPECT_EQ((*pools[0])->Allocate(1000), nullptr);
+    }
+  }
+}
+
+TEST_F(MemPool, ChainsOfPoolsThatAreGoneLeaveNothing) {
+  constexpr std::size_t kPools = 2000;
+  std::vector<std::array<ULONG, 3>> blocks(kPools);
+  Pool end(100);
+  const auto chain_all = [&] {
+    for (auto& block : blocks) (new (block.data()) OSMemPool(sizeof block, 0))->Chain(end.get());
+    for (auto& block : blocks) std::launder(reinterpret_cast<OSMemPool*>(block.data()))->~OSMemPool();
+  };
+  chain_all();
+  // What a sanitizer allocates is not counted there, and the comparison holds as well.
+  const std::size_t before = mallinfo2().uordblks;
+  chain_all();
+  EXPECT_LT(mallinfo2().uordblks, before + kPools);
+  for (auto& block : blocks) {
+    auto* pool = new (block.data()) OSMemPool(sizeof block, 0);
+    ASSERT_EQ(static_cast<OSMemPool*>(pool->secondary_pool), nullptr);
+  }
+}
+
 TEST_F(MemPool, ManyPoolsCanBeChained) {
   constexpr std::size_t kPools = 200;
   std::vector<std::unique_ptr<Pool>> pools;
@@ -579,16 +675,13 @@ TEST_F(MemPool, ValidatePrintsAnAreaThatStartsTooHigh) {
 
 TEST_F(MemPool, ValidateStopsAtTheFirstBadArea) {
   Pool pool(1000);
-  auto* high = static_cast<unsigned char*>(pool->Allocate(50));
-  pool->Allocate(4);
-  auto* low = static_cast<unsigned char*>(pool->Allocate(50));
-  pool->Allocate(4);
-  OSMemPool::Free(high);
-  OSMemPool::Free(low);
+  const Holes holes = make_holes(pool, 50, 50);
+  auto* high = static_cast<unsigned char*>(holes.high);
+  auto* low = static_cast<unsigned char*>(holes.low);
   pool->Validate(pool.start(), low);
   EXPECT_EQ(console.calls(), (std::vector<std::string>{bad_area_line(low - kBlockHeader, 60)}));
   console.clear();
-  pool->Validate(pool.start(), pool.end() - 1);
+  pool->Validate(pool.start(), high - kBlockHeader + 59);
   EXPECT_EQ(console.calls(), (std::vector<std::string>{bad_area_line(high - kBlockHeader, 60)}));
 }
 
@@ -596,15 +689,49 @@ TEST_F(MemPool, ValidateStopsAtTheFirstBadArea) {
 // free is what Validate is for.
 TEST_F(MemPool, ValidateFindsAnOverwrittenArea) {
   Pool pool(1000);
-  pool->Allocate(4);
-  auto* memory = static_cast<unsigned char*>(pool->Allocate(50));
-  pool->Allocate(4);
-  OSMemPool::Free(memory);
+  auto* memory = static_cast<unsigned char*>(make_hole(pool, 50));
   EXPECT_EQ(word_at(memory), 60u);
   const ULONG wrong = 0x12345678;
   std::memcpy(memory, &wrong, sizeof wrong);
   pool->Validate(pool.start(), pool.end());
   EXPECT_EQ(console.calls(), (std::vector<std::string>{bad_area_line(memory - kBlockHeader, wrong)}));
+}
+
+// The head area's first word leads to the next free area. What it leads to is looked at only where this pool has
+// memory for a header.
+TEST_F(MemPool, ValidateReadsNothingWhereNoAreaCanStart) {
+  Pool pool(1000);
+  unsigned char* head = pool.start() + kPoolHeader;
+  for (const ULONG distance :
+       {1u, 2u, 3u, 5u, 977u, 980u, 984u, 988u, 992u, 1000u, 0x7FFFFFFCu, 0xFFFFFFFCu}) {
+    SCOPED_TRACE(distance);
+    console.clear();
+    std::memcpy(head, &distance, sizeof distance);
+    pool->Validate(nullptr, at_most());
+    EXPECT_EQ(console.calls(), (std::vector<std::string>{bad_area_line(head + distance, 0)}));
+  }
+  // The last place where one fits, and what stands there.
+  console.clear();
+  const ULONG distance = 976;
+  std::memcpy(head, &distance, sizeof distance);
+  const ULONG area[] = {0, distance, 13};
+  std::memcpy(head + distance, area, sizeof area);
+  pool->Validate(pool.start(), pool.end());
+  EXPECT_EQ(console.calls(), (std::vector<std::string>{bad_area_line(head + distance, 13)}));
+  const ULONG none = 0;
+  std::memcpy(head, &none, sizeof none);
+}
+
+TEST_F(MemPool, AnAreaOfNothingMayStandAtTheVeryEnd) {
+  Pool pool(1000);
+  const Holes holes = make_holes(pool, 50, 50);
+  unsigned char* low = static_cast<unsigned char*>(holes.low) - kBlockHeader;
+  unsigned char* high = static_cast<unsigned char*>(holes.high) - kBlockHeader;
+  const ULONG none = 0;
+  std::memcpy(low + 8, &none, sizeof none);
+  pool->Validate(pool.start(), low);
+  EXPECT_EQ(console.calls(), (std::vector<std::string>{bad_area_line(high, 60)}))
+      << "the bounds belong to it";
 }
 
 TEST_F(MemPool, ValidateWithoutConsoleReturns) {
