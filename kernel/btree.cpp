@@ -77,7 +77,6 @@ OSBTree::~OSBTree() {
     deleting_ = node;
     delete node;
   }
-  DeleteCriticalSection(&cs);
 }
 
 BOOL OSBTree::Add(OSBTreeObj* obj) {
@@ -155,10 +154,11 @@ OSBTreeObj* OSBTree::FindAmbiguous(OSBTreeObj* key) {
   lock.leave();
 
   int record = max_ambig_count.load(std::memory_order_relaxed);
-  while (comparisons > record) {
-    if (!max_ambig_count.compare_exchange_weak(record, comparisons, std::memory_order_relaxed)) continue;
-    if (Console != nullptr) Console->Print("OSBTree::FindAmbiguous maxcount=%d", comparisons);
-    break;
+  while (comparisons > record &&
+         !max_ambig_count.compare_exchange_weak(record, comparisons, std::memory_order_relaxed)) {
+  }
+  if (comparisons > record && Console != nullptr) {
+    Console->Print("OSBTree::FindAmbiguous maxcount=%d", comparisons);
   }
   return match;
 }

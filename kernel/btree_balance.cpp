@@ -51,6 +51,13 @@ OSBTreeObj* level(OSBTreeObj* node, int side) {
   return rotate(node, side);
 }
 
+/// Whether `obj` is a later object of node's chain. Objects that are in no chain answer at once.
+bool is_in_chain(const OSBTreeObj* node, const OSBTreeObj* obj) {
+  if (obj->dupprev == nullptr) return false;
+  while (node != nullptr && node != obj) node = node->dupnext;
+  return node != nullptr;
+}
+
 void clear_links(OSBTreeObj* obj) {
   obj->link[kLeft] = nullptr;
   obj->link[kRight] = nullptr;
@@ -80,7 +87,7 @@ BOOL OSBTree::_Add(OSBTreeObj* obj) {
     __builtin_prefetch(node->link[kRight]);
     const int result = obj->Compare(node);
     if (result == 0) {
-      if (node == obj) return TRUE;
+      if (node == obj || is_in_chain(node, obj)) return TRUE;
       clear_links(obj);
       obj->dupprev = node;
       obj->dupnext = node->dupnext;
@@ -146,7 +153,6 @@ void OSBTree::take_out(OSBTreeObj* obj) {
     unlink_node(obj);
   }
   clear_links(obj);
-  obj->balance = 0;
 }
 
 /// Whether `obj` is a node of this tree, and not of another or of none.

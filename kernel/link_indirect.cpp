@@ -25,11 +25,12 @@ class TriggerWalk {
   TriggerWalk(const TriggerWalk&) = delete;
   TriggerWalk& operator=(const TriggerWalk&) = delete;
 
-  /// The next registered trigger, null at the end. What registers after the walk began is not visited: it has
-  /// been checked when it was armed, and one that is armed anew at every check would keep the walk going.
+  /// The next registered trigger, null at the end and for a node without one. What registers after the walk
+  /// began is not visited: it has been checked when it was armed, and one that is armed anew at every check
+  /// would keep the walk going.
   OSTrigger* next() {
     OSLink* const link = next_;
-    if (link == nullptr || link->isFree || link->object == nullptr) return nullptr;
+    if (link == nullptr || link->isFree) return nullptr;
     step_over(link);
     return static_cast<OSTrigger*>(static_cast<OSLinkListObj*>(static_cast<OSListObj*>(link->object)));
   }
@@ -180,7 +181,6 @@ void OSQueue::CheckTrigger() {
   // Before the trigger system starts there is no section; then a queue works as long as it has no triggers.
   if (OS_CRITICAL_TRIGGER.sem == nullptr && triggers.IsEmpty()) return;
   const SectionLock lock(&OS_CRITICAL_TRIGGER);
-  if (triggers.IsEmpty()) return;
   TriggerWalk walk(&triggers);
   while (OSTrigger* const trigger = walk.next()) trigger->Check();
 }
@@ -189,7 +189,7 @@ void OSQueue::CheckTrigger() {
 
 OSProtectedQueue::OSProtectedQueue() : OSQueue(0) { InitializeCriticalSection(&cs); }
 
-OSProtectedQueue::~OSProtectedQueue() { DeleteCriticalSection(&cs); }
+OSProtectedQueue::~OSProtectedQueue() = default;
 
 void OSProtectedQueue::Flush() {
   const SectionLock lock(&cs);
@@ -241,7 +241,7 @@ OSBuf* OSProtectedQueue::FirstBufAndRemove() {
 
 OSProtectedList::OSProtectedList() : OSIndirectList(0) { InitializeCriticalSection(&cs); }
 
-OSProtectedList::~OSProtectedList() { DeleteCriticalSection(&cs); }
+OSProtectedList::~OSProtectedList() = default;
 
 void OSProtectedList::Flush() {
   const SectionLock lock(&cs);

@@ -132,11 +132,10 @@ bool grow_locked() {
   return true;
 }
 
-/// Gives all blocks back. The pool's ring is emptied without a look at its links, which go with their blocks.
+/// Gives all blocks back. The pool's ring, which is there, is emptied without a look at its links: they go
+/// with their blocks.
 void release_blocks_locked() {
-  if (OSLink::link_pool != nullptr) {
-    OSLink::link_pool->next = OSLink::link_pool->previous = OSLink::link_pool;
-  }
+  OSLink::link_pool->next = OSLink::link_pool->previous = OSLink::link_pool;
   set_pool_size_locked(0);
   while (link_mem != nullptr) {
     Block* const block = link_mem;
@@ -148,7 +147,6 @@ void release_blocks_locked() {
   range_count = range_capacity = 0;
   last_hit = {0, 0};
   link_mem_block_size = link_mem_size = links_made = 0;
-  link_mem_alloc = nullptr;
 }
 
 bool pool_section_exists() { return OS_CRITICAL_LINK.sem != nullptr; }

@@ -33,7 +33,13 @@ OSStream::OSStream(int compress, char delete_contents)
   OSStream::Flush();
 }
 
-OSStream::~OSStream() { OSStream::Flush(); }
+OSStream::~OSStream() {
+  OSStream::Flush();
+  // No buffer will take along what has been gathered while all slots were pending; its owners wait for it.
+  OSLink ring;
+  ring.Compact(&comp_callbacks[comp_w]);
+  run_callbacks_(&ring);
+}
 
 void OSStream::SetMaxLength(ULONG max_total, ULONG max_buffers) {
   max_total_length = max_total;
@@ -86,8 +92,8 @@ void OSStream::Add(OSBuf* buf) {
 /// Moves buf's data callbacks to the slot that will stand for its bytes.
 /// Deliberate: while the ring is full the slot gathers callbacks and lengths without becoming pending; the
 /// next buffer that finds room takes it with all callbacks, but its own length replaces the lengths gathered.
-/// The callbacks then run when that buffer's bytes are reached: late, never early. Pinned by stream_test.cpp,
-/// AFullRingCollectsInItsLastSlotAndAnAssignmentReplacesWhatWasCollected.
+/// The callbacks then run when that buffer's bytes are reached, a flush in between or not: late, never early.
+/// Pinned by stream_compress_test.cpp, AFullRingCollectsInItsLastSlotAndAnAssignmentReplacesWhatWasCollected.
 void OSStream::take_slot_(OSBuf* buf) {
   const int slot = comp_w;
   comp_callbacks[slot].Compact(&buf->data_free_callback);
@@ -146,22 +152,17 @@ ULONG OSStream::Discard(ULONG len) {
 }
 
 OSBuf* OSStream::Get() {
-  ULONG accounted = 0;
   while (OSBuf* const first = buffer_of(FirstObject())) {
-    const ULONG consumptions_before = consumptions_;
-    const ULONG flushes_before = flushes_;
-    const ULONG more = first->length - accounted;
-    consume_(more);
-    if (flushes_ != flushes_before) {
-      accounted = 0;
-    } else if (consumptions_ != consumptions_before + 1) {
-      // A callback consumed from the front and accounted for it: the first buffer is another or shorter now.
-      total_length += accounted + more;
-      accounted = 0;
-    } else if (accounted += more; first->length == accounted) {
-      OSQueue::Remove(first);
-      return first;
-    }  // else a callback added bytes, which were merged into this buffer: they go with it
+    if (first->length > charged_ahead_) {
+      const ULONG more = first->length - charged_ahead_;
+      charged_ahead_ = first->length;
+      charge_slots_(more);
+      continue;  // the callbacks may have done anything to the stream: look again
+    }
+    charged_ahead_ -= first->length;
+    total_length -= first->length;
+    OSQueue::Remove(first);
+    return first;
   }
   return nullptr;
 }
@@ -187,10 +188,19 @@ void OSStream::DiscardLen(int len) {
   }
 }
 
+/// Accounts for len bytes that have left the stream. What a Get further up has charged is not charged again.
 void OSStream::consume_(ULONG len) {
-  ++consumptions_;
+  const ULONG ahead = std::min(len, charged_ahead_);
+  charged_ahead_ -= ahead;
   const ULONG flushes_before = flushes_;
-  for (ULONG left = len; left > 0 && comp_r != comp_w;) {
+  charge_slots_(len - ahead);
+  if (flushes_ == flushes_before) total_length -= len;  // a flush has accounted for everything
+}
+
+/// Retires the slots of the next `left` bytes.
+void OSStream::charge_slots_(ULONG left) {
+  const ULONG flushes_before = flushes_;
+  while (left > 0 && comp_r != comp_w) {
     UWORD& slot_length = comp_lengths[comp_r];
     const ULONG here = std::min<ULONG>(left, slot_length);
     left -= here;
@@ -198,9 +208,8 @@ void OSStream::consume_(ULONG len) {
     OSLink ring;
     take_oldest_(&ring);
     run_callbacks_(&ring);
-    if (flushes_ != flushes_before) return;  // the flush has accounted for everything
+    if (flushes_ != flushes_before) return;  // the slots that are pending now belong to other bytes
   }
-  total_length -= len;
 }
 
 /// Moves the callbacks of the oldest pending slot to the end of ring. The slot is free before they run: they
@@ -217,7 +226,6 @@ void OSStream::run_callbacks_(OSLink* ring) {
     if (callback != nullptr) callback->Execute();
     if (ring->First() != link) continue;  // its owner cancelled it meanwhile, and it has been freed
     unlink_(link);
-    link->object = nullptr;
     if (callback != nullptr) callback->Free();
   }
 }
@@ -229,10 +237,10 @@ void OSStream::Flush() {
   }
   OSQueue::Flush();
   const ULONG flushes_before = ++flushes_;
+  charged_ahead_ = 0;
   const ULONG flushed_bytes = total_length;
   OSLink ring;
   while (comp_r != comp_w) take_oldest_(&ring);
-  ring.Compact(&comp_callbacks[comp_w]);  // gathered there while all slots were pending
   run_callbacks_(&ring);
   if (flushes_ == flushes_before) total_length -= flushed_bytes;  // 0, or what the callbacks have added
 }

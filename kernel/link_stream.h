@@ -19,9 +19,10 @@ class OSKERNEL_API OSStream : public OSQueue {
   /// An empty stream with fragments of up to 10000 bytes and at most 1000000 buffers. The byte limit is 0, so
   /// IsFull says TRUE until SetMaxLength is called.
   OSStream(int compress, char delete_contents);
-  /// Flushes the stream.
+  /// Flushes the stream, then runs and frees the callbacks that a flush leaves waiting.
   ~OSStream() override;
-  /// Frees every buffer, runs and frees every waiting callback, and is empty.
+  /// Frees every buffer, runs and frees the callbacks of every pending slot, and is empty. The callbacks of
+  /// buffers that came while all 31 slots were pending stay: they go with the next buffer that gets a slot.
   void Flush() override;
   /// max_total: bytes from which on IsFull says TRUE; more can still be added. max_buffers: buffers from
   /// which on IsFull says TRUE and above which Add drops the oldest one.
@@ -77,19 +78,20 @@ class OSKERNEL_API OSStream : public OSQueue {
   /// total_length.
   /// Deliberate: a slot is retired, and its callbacks run, as soon as any of its bytes is consumed, and what
   /// is left of its length is not carried over to the next slot. Producers rely on hearing of the first byte.
-  /// Pinned by stream_test.cpp, ConsumingOneByteRetiresTheOldestSlot.
+  /// Pinned by stream_compress_test.cpp, ConsumingOneByteRetiresTheOldestSlot.
   void DiscardLen(int len);
 
  private:
   void take_slot_(OSBuf* buf);
   void drop_excess_();
   void consume_(ULONG len);
+  void charge_slots_(ULONG left);
   void take_oldest_(OSLink* ring);
   static void run_callbacks_(OSLink* ring);
 
-  // Callbacks may come back into the stream; these two tell the operation they interrupted what has happened.
-  ULONG consumptions_ = 0;  ///< how often bytes have been accounted for
-  ULONG flushes_ = 0;       ///< how often the stream has been emptied
+  // Callbacks may come back into the stream; these two tell each operation what the others have done.
+  ULONG charged_ahead_ = 0;  ///< bytes of the first buffer whose slots a Get in progress has retired already
+  ULONG flushes_ = 0;        ///< how often the stream has been emptied
 };
 
 #endif

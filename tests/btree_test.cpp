@@ -1,17 +1,11 @@
-// The ordered index: searches of every kind, duplicates, the balance after each change, and what removal and
+// The ordered index: its layout, its order, duplicates, the balance after each change, and what removal and
 // destruction leave behind.
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
-#include <cstring>
 #include <functional>
-#include <map>
 #include <memory>
 #include <numeric>
-#include <random>
-#include <string>
-#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -20,116 +14,13 @@
 
 #include "kernel/btree.h"
 #include "support/kernel_fixture.h"
-#include "support/seed.h"
+#include "support/tree_check.h"
 #include "support/vtable_slot.h"
 
 namespace oskernel_test {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-
-/// An object with a number for a key.
-class Num : public OSBTreeObj {
- public:
-  explicit Num(int key, int* alive = nullptr) : key_(key), alive_(alive) {
-    if (alive_ != nullptr) ++*alive_;
-  }
-  ~Num() override {
-    if (alive_ != nullptr) --*alive_;
-  }
-  int Compare(OSBTreeObj* node) override {
-    const int other = static_cast<Num*>(node)->key_;
-    return key_ < other ? -7 : key_ > other ? 7 : 0;
-  }
-  int CompareLeft(OSBTreeObj* node) override {
-    // Two numbers match on the left when they agree but for the last digit.
-    const int mine = key_ / 10, other = static_cast<Num*>(node)->key_ / 10;
-    return mine < other ? -1 : mine > other ? 1 : 0;
-  }
-  int key() const { return key_; }
-
- private:
-  int key_;
-  int* alive_;
-};
-
-/// An object with a text for a key; matches on the left when it is the beginning of the other's text.
-class Text : public OSBTreeObj {
- public:
-  explicit Text(std::string key) : key_(std::move(key)) {}
-  int Compare(OSBTreeObj* node) override { return key_.compare(of(node)); }
-  int CompareLeft(OSBTreeObj* node) override { return key_.compare(of(node).substr(0, key_.size())); }
-  int CompareAmbiguous(OSBTreeObj* node, int len) override {
-    return key_.substr(0, static_cast<std::size_t>(len)).compare(of(node));
-  }
-  int CompareMaxLen() override { return static_cast<int>(key_.size()); }
-  const std::string& key() const { return key_; }
-
- private:
-  static const std::string& of(OSBTreeObj* node) { return static_cast<Text*>(node)->key_; }
-  std::string key_;
-};
-
-OSBTreeObj* real_root(const OSBTree& tree) { return tree.root.link[0]; }
-
-/// Checks one subtree; returns its height and adds its objects in key order.
-int check_subtree(OSBTreeObj* node, OSBTreeObj* parent, std::vector<OSBTreeObj*>& order) {
-  if (node == nullptr) return 0;
-  EXPECT_EQ(node->link[2], parent) << "parent link";
-  EXPECT_EQ(node->dupprev, nullptr);
-  const int left = check_subtree(node->link[0], node, order);
-  order.push_back(node);
-  OSBTreeObj* before = node;
-  for (OSBTreeObj* dup = node->dupnext; dup != nullptr; dup = dup->dupnext) {
-    EXPECT_EQ(dup->dupprev, before);
-    for (OSBTreeObj* link : dup->link) EXPECT_EQ(link, nullptr);
-    EXPECT_EQ(dup->Compare(node), 0);
-    order.push_back(dup);
-    before = dup;
-  }
-  const int right = check_subtree(node->link[1], node, order);
-  EXPECT_EQ(node->balance, right - left);
-  EXPECT_LE(std::abs(right - left), 1);
-  return std::max(left, right) + 1;
-}
-
-/// All objects in order, after every balance, parent link and chain has been checked.
-std::vector<OSBTreeObj*> checked(OSBTree& tree) {
-  std::vector<OSBTreeObj*> order;
-  check_subtree(real_root(tree), nullptr, order);
-  EXPECT_EQ(tree.size, static_cast<int>(order.size()));
-  EXPECT_EQ(tree.Size(), tree.size);
-  for (std::size_t i = 1; i < order.size(); ++i) {
-    EXPECT_GE(order[i]->Compare(order[i - 1]), 0) << "order";
-    if (order[i]->dupprev == nullptr) {
-      EXPECT_GT(order[i]->Compare(order[i - 1]), 0) << "an equal key has a chain";
-    }
-  }
-  return order;
-}
-
-int height(OSBTreeObj* node) {
-  return node == nullptr ? 0 : 1 + std::max(height(node->link[0]), height(node->link[1]));
-}
-
-void ExpectOutOfTree(OSBTreeObj* obj) {
-  for (OSBTreeObj* link : obj->link) EXPECT_EQ(link, nullptr);
-  EXPECT_EQ(obj->dupprev, nullptr);
-  EXPECT_EQ(obj->dupnext, nullptr);
-}
-
-/// Takes everything out, so that the tree does not destroy objects that it does not own.
-void drain(OSBTree& tree) {
-  while (OSBTreeObj* first = tree.First()) tree.Remove(first);
-  EXPECT_EQ(tree.Size(), 0);
-}
-
-/// A tree that owns nothing: each test ends with drain(tree), before its objects go.
-class Tree : public KernelTest {
- protected:
-  OSBTree tree;
-};
 
 // -------------------------------------------------------------------------------------------------- layout
 
@@ -206,15 +97,51 @@ TEST_F(Tree, AddTakesEverythingButNull) {
   drain(tree);
 }
 
+TEST_F(Tree, AnObjectThatIsFoundInTheTreeStaysAsItIs) {
+  Num a(1), b(2), c(3);
+  for (Num* num : {&a, &b, &c, &a, &b, &c}) EXPECT_EQ(tree.Add(num), TRUE);
+  EXPECT_EQ(tree.Size(), 3);
+  EXPECT_THAT(checked(tree), ElementsAre(&a, &b, &c));
+  Num b2(2), b3(2);
+  for (Num* num : {&b2, &b3, &b2, &b3, &b}) EXPECT_EQ(tree.Add(num), TRUE);
+  EXPECT_EQ(tree.Size(), 5);
+  EXPECT_THAT(checked(tree), ElementsAre(&a, &b, &b3, &b2, &c));
+  drain(tree);
+}
+
+TEST_F(Tree, AnInsertionLeavesItsWayInTheCaches) {
+  Num n[] = {Num(4), Num(2), Num(6), Num(1), Num(3), Num(5), Num(7)};
+  for (Num& num : n) tree.Add(&num);  // a full tree: no rotation disturbs the way
+  Num &n4 = n[0], &n2 = n[1], &n6 = n[2], &n1 = n[3], &n3 = n[4];
+  EXPECT_EQ(n4.cache, 1);
+  EXPECT_EQ(n6.cache, 1);
+  EXPECT_EQ(n2.cache, 1);
+  EXPECT_EQ(n1.cache, 0) << "nothing has passed here";
+  Num low(0), middle(3);
+  tree.Add(&low);
+  EXPECT_EQ(n4.cache, 0);
+  EXPECT_EQ(n2.cache, 0);
+  EXPECT_EQ(n1.cache, 0);
+  EXPECT_EQ(n6.cache, 1) << "as the insertion before left it";
+  tree.Add(&middle);
+  EXPECT_EQ(middle.dupprev, &n3);
+  EXPECT_EQ(n4.cache, 0);
+  EXPECT_EQ(n2.cache, 1) << "the way to an equal key counts too";
+  EXPECT_EQ(n3.cache, 0);
+  drain(tree);
+}
+
 TEST_F(Tree, AddForgetsWhereTheObjectWasBefore) {
-  Num a(1), elsewhere(9);
-  for (OSBTreeObj*& link : a.link) link = &elsewhere;
-  a.dupnext = a.dupprev = &elsewhere;
-  a.balance = 1;
-  tree.Add(&a);
-  ExpectOutOfTree(&a);
-  EXPECT_EQ(a.balance, 0);
-  EXPECT_EQ(tree.First(), &a);
+  Num elsewhere(9);
+  Num root(5), less(3), more(7), chained(5);
+  for (Num* num : {&root, &less, &more, &chained}) {
+    for (OSBTreeObj*& link : num->link) link = &elsewhere;
+    num->dupnext = num->dupprev = &elsewhere;
+    num->balance = 1;
+    EXPECT_EQ(tree.Add(num), TRUE);
+  }
+  EXPECT_THAT(checked(tree), ElementsAre(&less, &root, &chained, &more));
+  ExpectOutOfTree(&elsewhere);
   drain(tree);
 }
 
@@ -270,6 +197,7 @@ TEST_F(Tree, SearchesCountTheirComparisons) {
     tree.count = 1000;
     tree.FindLE(&key);
     EXPECT_EQ(tree.count, steps) << "each search counts from nothing";
+    tree.count = 1000;
     tree.FindGE(&key);
     EXPECT_EQ(tree.count, steps);
     EXPECT_LE(steps, 9);
@@ -404,6 +332,44 @@ TEST_F(Tree, AStrangerTakesOutTheNodeOfAChainAndTheChainMovesUp) {
   drain(tree);
 }
 
+TEST_F(Tree, AStrangerFromAnotherTreeStaysThere) {
+  Num less(1), node(5), more(9), twin(5);
+  for (Num* num : {&less, &node, &more}) tree.Add(num);
+  for (bool chained : {false, true}) {
+    SCOPED_TRACE(chained);
+    OSBTree other;
+    Num its_less(2), its_node(5), its_second(5), its_more(7);
+    for (Num* num : {&its_less, &its_node, &its_more}) other.Add(num);
+    if (chained) other.Add(&its_second);
+    const std::vector<OSBTreeObj*> before = checked(other);
+    tree.Remove(&its_node);
+    EXPECT_THAT(checked(tree), ElementsAre(&less, &more)) << "its own node of that key went";
+    ExpectOutOfTree(&node);
+    EXPECT_EQ(checked(other), before);
+    tree.Add(&node);
+    drain(other);
+  }
+  drain(tree);
+}
+
+TEST_F(Tree, AnObjectInTheTreeIsRemovedWhateverItsComparisonsFind) {
+  // Objects of the base class compare one way only: after a rotation their own comparisons lead elsewhere.
+  for (std::size_t gone = 0; gone < 12; ++gone) {
+    SCOPED_TRACE(gone);
+    OSBTreeObj objects[12];
+    for (std::size_t i = 12; i > 0; --i) tree.Add(&objects[i - 1]);
+    EXPECT_EQ(tree.Size(), 12);
+    tree.Remove(&objects[gone]);
+    EXPECT_EQ(tree.Size(), 11);
+    ExpectOutOfTree(&objects[gone]);
+    std::vector<OSBTreeObj*> left;
+    for (OSBTreeObj* o = tree.First(); o != nullptr; o = tree.Next(o, nullptr)) left.push_back(o);
+    EXPECT_EQ(left.size(), 11u);
+    EXPECT_EQ(std::count(left.begin(), left.end(), &objects[gone]), 0);
+    drain(tree);
+  }
+}
+
 TEST_F(Tree, RemovingAnObjectTwiceTakesOutAnotherOfItsKey) {
   Num a(1), b(1);
   tree.Add(&a);
@@ -483,203 +449,7 @@ TEST_F(Tree, AHundredThousandKeysStayShallow) {
   drain(tree);
 }
 
-// -------------------------------------------------------------------------------------------- next and limit
-
-TEST_F(Tree, NextStopsWhereTheKeyLeavesTheLimit) {
-  Num a(1), b(2), b2(2), c(3);
-  for (Num* num : {&a, &b, &b2, &c}) tree.Add(num);
-  Num two(2), three(3);
-  EXPECT_EQ(tree.Next(&a, &two), &b);
-  EXPECT_EQ(tree.Next(&b, &two), &b2);
-  EXPECT_EQ(tree.Next(&b2, &two), nullptr) << "3 is not 2";
-  EXPECT_EQ(tree.Next(&b2, &three), &c);
-  EXPECT_EQ(tree.Next(&c, &three), nullptr);
-  EXPECT_EQ(tree.Next(&a, &three), nullptr);
-  drain(tree);
-}
-
-TEST_F(Tree, ADuplicateIsNotHeldAgainstTheLimit) {
-  Num a(1), a2(1), other(7);
-  tree.Add(&a);
-  tree.Add(&a2);
-  EXPECT_EQ(tree.Next(&a, &other), &a2);
-  EXPECT_EQ(tree.NextLeft(&a, &other), &a2);
-  drain(tree);
-}
-
-TEST_F(Tree, FindLeftAndNextLeftWalkARange) {
-  const char* names[] = {"ab", "abc", "abd", "b", "a", "ac", "abc", "aba", "", "ba"};
-  std::vector<std::unique_ptr<Text>> texts;
-  for (const char* name : names) tree.Add(texts.emplace_back(std::make_unique<Text>(name)).get());
-  const auto range = [&](const char* prefix) {
-    std::vector<std::string> found;
-    Text key(prefix);
-    for (OSBTreeObj* o = tree.FindLeft(&key); o != nullptr; o = tree.NextLeft(o, &key)) {
-      found.push_back(static_cast<Text*>(o)->key());
-    }
-    return found;
-  };
-  EXPECT_THAT(range("ab"), ElementsAre("ab", "aba", "abc", "abc", "abd"));
-  EXPECT_THAT(range("abc"), ElementsAre("abc", "abc"));
-  EXPECT_THAT(range("a"), ElementsAre("a", "ab", "aba", "abc", "abc", "abd", "ac"));
-  EXPECT_THAT(range("b"), ElementsAre("b", "ba"));
-  EXPECT_THAT(range("abcd"), IsEmpty());
-  EXPECT_THAT(range("c"), IsEmpty());
-  EXPECT_EQ(range("").size(), 10u);
-  Text key("ab");
-  OSBTreeObj* first = tree.FindLeft(&key);
-  EXPECT_EQ(tree.NextLeft(first, nullptr), tree.Next(first, nullptr)) << "without a limit all that follow";
-  drain(tree);
-}
-
-TEST_F(Tree, NextLeftUsesTheLeftComparisonOnly) {
-  Num a(11), b(12), c(19), d(20);
-  for (Num* num : {&a, &b, &c, &d}) tree.Add(num);
-  Num key(15);
-  EXPECT_EQ(tree.Find(&key), nullptr);
-  EXPECT_EQ(tree.FindLeft(&key), &a);
-  EXPECT_EQ(tree.NextLeft(&a, &key), &b);
-  EXPECT_EQ(tree.NextLeft(&b, &key), &c);
-  EXPECT_EQ(tree.NextLeft(&c, &key), nullptr);
-  EXPECT_EQ(tree.Next(&a, &key), nullptr);
-  drain(tree);
-}
-
-// ------------------------------------------------------------------------------------------- longest matches
-
-TEST_F(Tree, FindAmbiguousFindsTheLongestBeginning) {
-  std::vector<std::unique_ptr<Text>> texts;
-  for (const char* name : {"1", "44", "441", "4416", "49", "7", "882"}) {
-    tree.Add(texts.emplace_back(std::make_unique<Text>(name)).get());
-  }
-  struct Row {
-    const char* dialled;
-    const char* found;
-  };
-  for (const Row& row :
-       {Row{"441632960001", "4416"}, Row{"4415", "441"}, Row{"4420", "44"}, Row{"44", "44"}, Row{"4", ""},
-        Row{"12125550100", "1"}, Row{"8821", "882"}, Row{"88", ""}, Row{"999", ""}, Row{"7", "7"}}) {
-    SCOPED_TRACE(row.dialled);
-    Text key(row.dialled);
-    OSBTreeObj* found = tree.FindAmbiguous(&key);
-    EXPECT_EQ(found == nullptr ? "" : static_cast<Text*>(found)->key(), row.found);
-  }
-  drain(tree);
-}
-
-TEST_F(Tree, FindAmbiguousWithoutALengthFindsNothing) {
-  Num a(1), key(1);
-  tree.Add(&a);
-  tree.count = 77;
-  EXPECT_EQ(key.CompareMaxLen(), 0);
-  EXPECT_EQ(tree.FindAmbiguous(&key), nullptr);
-  EXPECT_EQ(tree.count, 0) << "nothing was compared";
-  drain(tree);
-}
-
-TEST_F(Tree, FindAmbiguousCountsOverAllLengths) {
-  Text node("5");
-  tree.Add(&node);
-  Text key("1234");
-  EXPECT_EQ(tree.FindAmbiguous(&key), nullptr);
-  EXPECT_EQ(tree.count, 4) << "one comparison for each of four lengths";
-  Text match("5678");
-  EXPECT_EQ(tree.FindAmbiguous(&match), &node);
-  EXPECT_EQ(tree.count, 4) << "the shortest length is tried last";
-  Text exact("5");
-  EXPECT_EQ(tree.FindAmbiguous(&exact), &node);
-  EXPECT_EQ(tree.count, 1);
-  drain(tree);
-}
-
-TEST_F(Tree, FindAmbiguousReturnsTheFirstOfAChain) {
-  Text first("44"), second("44");
-  tree.Add(&first);
-  tree.Add(&second);
-  Text key("4420");
-  EXPECT_EQ(tree.FindAmbiguous(&key), &first);
-  drain(tree);
-}
-
-/// The greatest count that a search has had. The library keeps one for the whole process, which may repeat its
-/// tests; searches elsewhere in this file compare far less.
-int record = 10000;
-
-/// Never matches; as many comparisons as it says on a tree of one node.
-class Long : public OSBTreeObj {
- public:
-  explicit Long(int len) : len_(len) {}
-  int Compare(OSBTreeObj*) override { return 1; }
-  int CompareAmbiguous(OSBTreeObj*, int) override { return 1; }
-  int CompareMaxLen() override { return len_; }
-
- private:
-  int len_;
-};
-
-TEST_F(Tree, FindAmbiguousPrintsEachNewRecord) {
-  record += 100;
-  Text node("5");
-  tree.Add(&node);
-  const auto search = [&](int len) {
-    console.clear();
-    Long key(len);
-    EXPECT_EQ(tree.FindAmbiguous(&key), nullptr);
-    EXPECT_EQ(tree.count, len);
-    return console.calls();
-  };
-  EXPECT_THAT(search(record), ElementsAre("OSBTree::FindAmbiguous maxcount=" + std::to_string(record)));
-  EXPECT_THAT(search(record), IsEmpty()) << "as many again is no record";
-  EXPECT_THAT(search(record - 1), IsEmpty());
-  EXPECT_THAT(search(record + 1),
-              ElementsAre("OSBTree::FindAmbiguous maxcount=" + std::to_string(record + 1)));
-  EXPECT_THAT(search(record), IsEmpty());
-
-  // The record is one for all trees.
-  OSBTree other;
-  Text other_node("5");
-  other.Add(&other_node);
-  console.clear();
-  Long key(record + 1);
-  other.FindAmbiguous(&key);
-  EXPECT_THAT(console.calls(), IsEmpty());
-  other.Remove(&other_node);
-
-  Console = nullptr;
-  Long silent(record + 2);
-  EXPECT_EQ(tree.FindAmbiguous(&silent), nullptr);
-  Console = &console;
-  record += 2;
-  drain(tree);
-}
-
-TEST_F(Tree, TheRecordIsPrintedOutsideTheSection) {
-  class Watching : public RecordingConsole {
-   public:
-    explicit Watching(CRITICAL_SECTION* section) : section_(section) {}
-    void vPrint(const char* format, va_list arguments) override OSKERNEL_PRINTF(2, 0) {
-      held = held || section_->owner_count != 0;
-      RecordingConsole::vPrint(format, arguments);
-    }
-    bool held = false;
-
-   private:
-    CRITICAL_SECTION* section_;
-  };
-  record += 10;
-  Watching watching(&tree.cs);
-  Console = &watching;
-  Text node("5");
-  tree.Add(&node);
-  Long key(record);
-  tree.FindAmbiguous(&key);
-  EXPECT_EQ(watching.calls().size(), 1u);
-  EXPECT_FALSE(watching.held);
-  Console = &console;
-  drain(tree);
-}
-
-// ------------------------------------------------------------------------------------------------ destruction
+// ---------------------------------------------------------------------------------------------- destruction
 
 TEST_F(Tree, TheTreeDestroysWhatIsInIt) {
   int alive = 0;
@@ -694,6 +464,36 @@ TEST_F(Tree, TheTreeDestroysWhatIsInIt) {
     EXPECT_EQ(owner.Size(), 100);
   }
   EXPECT_EQ(alive, 0);
+}
+
+/// Takes itself out of the tree when it goes, and may destroy another object of the tree.
+class Leaver : public Num {
+ public:
+  Leaver(int key, int* alive, OSBTree* tree) : Num(key, alive), tree_(tree) {}
+  ~Leaver() override {
+    tree_->Remove(this);
+    delete companion;
+  }
+  Leaver* companion = nullptr;
+
+ private:
+  OSBTree* tree_;
+};
+
+TEST_F(Tree, DestructionSurvivesObjectsThatRemoveThemselvesAndDestroyOthers) {
+  int alive = 0;
+  {
+    OSBTree owner;
+    std::vector<Leaver*> objects;
+    for (int i = 0; i < 30; ++i) {
+      objects.push_back(new Leaver(i % 10, &alive, &owner));  // each key three times
+      owner.Add(objects.back());
+    }
+    objects[3]->companion = objects[13];  // of the same chain
+    objects[4]->companion = objects[5];   // another node
+    EXPECT_EQ(alive, 30);
+  }
+  EXPECT_EQ(alive, 0) << "none was left out of the tree without being destroyed";
 }
 
 TEST_F(Tree, TheTreeIsDestroyedThroughItsBase) {
@@ -716,266 +516,6 @@ TEST_F(Tree, TheTreeIsDestroyedThroughItsBase) {
   delete base;
   EXPECT_TRUE(gone);
   EXPECT_EQ(alive, 0);
-}
-
-// ---------------------------------------------------------------------------------------------------- threads
-
-/// Looks whether its tree is locked whenever it is compared.
-class Watcher : public Num {
- public:
-  Watcher(int key, OSBTree* tree) : Num(key), tree_(tree) {}
-  int Compare(OSBTreeObj* node) override {
-    look();
-    return Num::Compare(node);
-  }
-  int CompareLeft(OSBTreeObj* node) override {
-    look();
-    return Num::CompareLeft(node);
-  }
-  int CompareAmbiguous(OSBTreeObj* node, int) override {
-    look();
-    return Num::Compare(node);
-  }
-  int CompareMaxLen() override { return 1; }
-  void look() {
-    ++looks;
-    if (tree_->cs.owner_count == 0 || pthread_equal(tree_->cs.owner_thread_id, pthread_self()) == 0)
-      ++unlocked;
-  }
-  static inline int looks = 0;
-  static inline int unlocked = 0;
-
- private:
-  OSBTree* tree_;
-};
-
-TEST_F(Tree, EveryOperationComparesInsideTheSection) {
-  Watcher a(10, &tree), b(20, &tree), key(15, &tree);
-  struct Row {
-    const char* name;
-    std::function<void()> operation;
-  };
-  const Row rows[] = {
-      {"Add", [&] { tree.Add(&b); }},
-      {"Find", [&] { tree.Find(&key); }},
-      {"FindLE", [&] { tree.FindLE(&key); }},
-      {"FindGE", [&] { tree.FindGE(&key); }},
-      {"FindLeft", [&] { tree.FindLeft(&key); }},
-      {"FindAmbiguous", [&] { tree.FindAmbiguous(&key); }},
-      {"Next", [&] { tree.Next(&a, &key); }},
-      {"NextLeft", [&] { tree.NextLeft(&a, &key); }},
-      {"Remove", [&] { tree.Remove(&b); }},
-  };
-  tree.Add(&a);
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    Watcher::looks = Watcher::unlocked = 0;
-    row.operation();
-    EXPECT_GT(Watcher::looks, 0);
-    EXPECT_EQ(Watcher::unlocked, 0);
-    EXPECT_EQ(tree.cs.owner_count, 0);
-  }
-  Watcher::unlocked = 0;
-  tree._Add(&b);
-  EXPECT_GT(Watcher::unlocked, 0) << "the caller guards these";
-  tree._Remove(&b);
-  drain(tree);
-}
-
-TEST_F(Tree, OthersWaitForTheHolderOfTheSection) {
-  Num a(1), b(2), key(1);
-  tree.Add(&a);
-  struct Row {
-    const char* name;
-    std::function<void()> operation;
-  };
-  const Row rows[] = {
-      {"Add", [&] { tree.Add(&b); }},
-      {"Remove", [&] { tree.Remove(&b); }},
-      {"Find", [&] { tree.Find(&key); }},
-      {"FindLE", [&] { tree.FindLE(&key); }},
-      {"FindGE", [&] { tree.FindGE(&key); }},
-      {"FindLeft", [&] { tree.FindLeft(&key); }},
-      {"FindAmbiguous", [&] { tree.FindAmbiguous(&key); }},
-      {"First", [&] { tree.First(); }},
-      {"Last", [&] { tree.Last(); }},
-      {"Next", [&] { tree.Next(&a, nullptr); }},
-      {"NextLeft", [&] { tree.NextLeft(&a, nullptr); }},
-      {"Previous", [&] { tree.Previous(&a); }},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    std::atomic<bool> done{false};
-    EnterCriticalSection(&tree.cs);
-    std::thread other([&] {
-      row.operation();
-      done = true;
-    });
-    EXPECT_FALSE(wait_until([&] { return done.load(); }, 20));
-    LeaveCriticalSection(&tree.cs);
-    other.join();
-  }
-  EXPECT_EQ(tree.Size(), 1);
-  drain(tree);
-}
-
-TEST_F(Tree, AHolderOfTheSectionCanWalkAStableTree) {
-  Num a(1), b(2), c(3);
-  for (Num* num : {&a, &b, &c}) tree.Add(num);
-  EnterCriticalSection(&tree.cs);
-  int seen = 0;
-  for (OSBTreeObj* o = tree.First(); o != nullptr; o = tree.Next(o, nullptr)) ++seen;
-  tree._Remove(&b);
-  tree._Add(&b);
-  LeaveCriticalSection(&tree.cs);
-  EXPECT_EQ(seen, 3);
-  EXPECT_EQ(tree.cs.owner_count, 0);
-  drain(tree);
-}
-
-TEST_F(Tree, StaysSoundUnderThreads) {
-  constexpr int kThreads = 4;
-  constexpr int kEach = 60;
-  std::vector<std::unique_ptr<Num>> fixed;
-  for (int i = 0; i < 50; ++i) tree.Add(fixed.emplace_back(std::make_unique<Num>(i * 10)).get());
-  std::atomic<int> wrong{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      std::mt19937 random(static_cast<unsigned>(t));
-      std::vector<std::unique_ptr<Num>> mine;
-      for (int i = 0; i < kEach; ++i) mine.push_back(std::make_unique<Num>(pick(random, 0, 100) * 5 + 1));
-      for (int round = 0; round < 40; ++round) {
-        for (auto& num : mine) tree.Add(num.get());
-        for (int i = 0; i < 50; ++i) {
-          Num key(i * 10);
-          OSBTreeObj* found = tree.Find(&key);
-          if (found == nullptr || static_cast<Num*>(found)->key() != i * 10) ++wrong;
-          if (tree.FindLE(&key) != found || tree.FindGE(&key) != found) ++wrong;
-        }
-        tree.First();
-        tree.Last();
-        if (tree.Size() < 50 + kEach) ++wrong;
-        for (auto& num : mine) tree.Remove(num.get());
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(wrong, 0);
-  EXPECT_EQ(checked(tree).size(), 50u);
-  drain(tree);
-}
-
-// ----------------------------------------------------------------------------------------------------- random
-
-TEST_F(Tree, RandomUseMatchesASortedMap) {
-  const unsigned seed = test_seed();
-  SCOPED_TRACE(seed);
-  std::mt19937 random(seed);
-  constexpr int kObjects = 150;
-  for (int span : {20, 60, 400}) {  // many duplicates, some, few
-    std::vector<std::unique_ptr<Num>> objects;
-    for (int i = 0; i < kObjects; ++i) objects.push_back(std::make_unique<Num>(pick(random, 0, span)));
-    std::map<int, std::vector<OSBTreeObj*>> model;  // each chain in its order
-    std::vector<bool> inside(kObjects, false);
-    int size = 0;
-    for (int round = 0; round < 4000; ++round) {
-      const std::size_t i = static_cast<std::size_t>(pick(random, 0, kObjects - 1));
-      Num* obj = objects[i].get();
-      if (inside[i]) {
-        tree.Remove(obj);
-        auto& chain = model[obj->key()];
-        chain.erase(std::find(chain.begin(), chain.end(), obj));
-        if (chain.empty()) model.erase(obj->key());
-        inside[i] = false;
-        --size;
-        ExpectOutOfTree(obj);
-      } else if (round % 10 != 0 || model.count(obj->key()) != 0) {
-        ASSERT_EQ(tree.Add(obj), TRUE);
-        auto& chain = model[obj->key()];
-        chain.insert(chain.empty() ? chain.end() : chain.begin() + 1, obj);
-        inside[i] = true;
-        ++size;
-      } else {
-        tree.Remove(obj);  // unknown object, unknown key
-      }
-      std::vector<OSBTreeObj*> expected;
-      for (const auto& [key, chain] : model) expected.insert(expected.end(), chain.begin(), chain.end());
-      ASSERT_EQ(checked(tree), expected) << "round " << round;
-      ASSERT_EQ(tree.Size(), size);
-      ASSERT_FALSE(HasFailure()) << "round " << round;
-
-      const int k = pick(random, -2, span + 2);
-      Num key(k);
-      const auto at = model.find(k);
-      ASSERT_EQ(tree.Find(&key), at == model.end() ? nullptr : at->second.front());
-      const auto ge = model.lower_bound(k);
-      ASSERT_EQ(tree.FindGE(&key), ge == model.end() ? nullptr : ge->second.front());
-      const auto gt = model.upper_bound(k);
-      ASSERT_EQ(tree.FindLE(&key), gt == model.begin() ? nullptr : std::prev(gt)->second.front());
-      ASSERT_EQ(tree.First(), model.empty() ? nullptr : model.begin()->second.front());
-      ASSERT_EQ(tree.Last(), model.empty() ? nullptr : model.rbegin()->second.front());
-      if (round % 20 != 0) continue;
-      for (std::size_t n = 0; n < expected.size(); ++n) {
-        ASSERT_EQ(tree.Next(expected[n], nullptr), n + 1 < expected.size() ? expected[n + 1] : nullptr);
-        ASSERT_EQ(tree.Previous(expected[n]), n > 0 ? expected[n - 1] : nullptr);
-      }
-    }
-    drain(tree);
-  }
-  drain(tree);
-}
-
-TEST_F(Tree, RandomTextsMatchAPlainSearch) {
-  const unsigned seed = test_seed();
-  SCOPED_TRACE(seed);
-  std::mt19937 random(seed);
-  const auto random_text = [&](int longest) {
-    std::string text;
-    for (int i = pick(random, 0, longest); i > 0; --i) text += static_cast<char>('0' + pick(random, 0, 2));
-    return text;
-  };
-  for (int round = 0; round < 60; ++round) {
-    std::vector<std::unique_ptr<Text>> texts;
-    std::multimap<std::string, Text*> model;
-    for (int i = pick(random, 0, 60); i > 0; --i) {
-      Text* text = texts.emplace_back(std::make_unique<Text>(random_text(6))).get();
-      tree.Add(text);
-      model.emplace(text->key(), text);
-    }
-    for (int i = 0; i < 60; ++i) {
-      Text key(random_text(8));
-      SCOPED_TRACE(key.key());
-      // The longest beginning of the key that stands in the tree; a length of 0 is never tried.
-      std::string longest;
-      for (std::size_t len = key.key().size(); len >= 1; --len) {
-        if (model.count(key.key().substr(0, len)) == 0) continue;
-        longest = key.key().substr(0, len);
-        break;
-      }
-      OSBTreeObj* found = tree.FindAmbiguous(&key);
-      ASSERT_EQ(found == nullptr, longest.empty());
-      if (found != nullptr) {
-        ASSERT_EQ(static_cast<Text*>(found)->key(), longest);
-        ASSERT_EQ(found->dupprev, nullptr);
-      }
-
-      std::vector<std::string> expected, walked;
-      for (const auto& [text, obj] : model) {
-        if (text.compare(0, key.key().size(), key.key()) == 0) expected.push_back(text);
-      }
-      for (OSBTreeObj* o = tree.FindLeft(&key); o != nullptr; o = tree.NextLeft(o, &key)) {
-        walked.push_back(static_cast<Text*>(o)->key());
-      }
-      ASSERT_EQ(walked, expected);
-
-      std::size_t equal = 0;
-      for (OSBTreeObj* o = tree.Find(&key); o != nullptr; o = tree.Next(o, &key)) ++equal;
-      ASSERT_EQ(equal, model.count(key.key()));
-    }
-    drain(tree);
-  }
-  drain(tree);
 }
 
 }  // namespace

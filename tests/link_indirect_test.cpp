@@ -2,7 +2,6 @@
 // home, and that a list shared by threads stays sound.
 
 #include <algorithm>
-#include <atomic>
 #include <list>
 #include <memory>
 #include <random>
@@ -14,8 +13,9 @@
 #include <gtest/gtest.h>
 
 #include "kernel/link.h"
-#include "support/kernel_fixture.h"
+#include "support/link_objects.h"
 #include "support/ring_check.h"
+#include "support/section_wait.h"
 #include "support/seed.h"
 
 namespace oskernel_test {
@@ -24,49 +24,11 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class Thing : public OSListObj {
- public:
-  explicit Thing(std::string name = "", std::vector<std::string>* destroyed = nullptr)
-      : name_(std::move(name)), destroyed_(destroyed) {}
-  ~Thing() override {
-    if (destroyed_ != nullptr) destroyed_->push_back(name_);
-  }
-  BOOL IsKey(char* key) override { return name_ == key ? TRUE : FALSE; }
-  const std::string& name() const { return name_; }
-
- private:
-  std::string name_;
-  std::vector<std::string>* destroyed_;
-};
-
-std::string names(const OSLinkList& list) {
-  std::string text;
-  for (OSLink* node : ring_nodes(list))
-    text += static_cast<Thing*>(static_cast<OSListObj*>(node->object))->name();
-  return text;
-}
-
-class IndirectList : public KernelTest {
+class IndirectList : public PoolTest {
  protected:
-  void SetUp() override {
-    KernelTest::SetUp();
-    cfg.link_qty = 100;
-    StartQuiet();
-    links_at_start_ = OSLink::link_pool_size;
-  }
-  void TearDown() override {
-    EXPECT_EQ(OSLink::link_pool_size, links_at_start_) << "every link goes home";
-    EXPECT_TRUE(LinkPoolIsSound());
-    KernelTest::TearDown();
-  }
-  int links_in_use() const {
-    return static_cast<int>(links_at_start_) - static_cast<int>(OSLink::link_pool_size);
-  }
+  IndirectList() { cfg.link_qty = 100; }
 
   Thing a{"a"}, b{"b"}, c{"c"}, d{"d"};
-
- private:
-  ULONG links_at_start_ = 0;
 };
 
 TEST_F(IndirectList, RefersToObjectsThroughPoolLinks) {
@@ -212,6 +174,67 @@ TEST_F(IndirectList, ARememberedLinkIsTakenOutWithoutAWalk) {
   EXPECT_EQ(list.Size(), 2);
   EXPECT_EQ(list.Signature(), 4u);
   EXPECT_EQ(links_in_use(), 2);
+}
+
+TEST_F(IndirectList, ALinkIsTakenOutOnce) {
+  OSIndirectList list;
+  list.Append(&a);
+  OSLink* link = list.AppendLink(&b);
+  list.RemoveLink(nullptr);
+  EXPECT_EQ(list.Signature(), 2u);
+  list.RemoveLink(link);
+  EXPECT_THAT(console.fatals(), IsEmpty());
+  list.RemoveLink(link);  // it lies in the pool by now
+  EXPECT_THAT(console.fatals(), ElementsAre("OSLink::Free already free"));
+  EXPECT_EQ(names(list), "a");
+  EXPECT_EQ(list.Size(), 1);
+  EXPECT_EQ(list.Signature(), 3u);
+  EXPECT_TRUE(LinkPoolIsSound());
+  EXPECT_EQ(links_in_use(), 1);
+}
+
+TEST_F(IndirectList, FlushGivesBackALinkThatRefersToNothing) {
+  std::vector<std::string> destroyed;
+  OSIndirectList owner(1);
+  owner.Append(new Thing("x", &destroyed));
+  owner.OSLinkList::Append(OSLink::Alloc(), nullptr);
+  owner.Append(new Thing("y", &destroyed));
+  EXPECT_EQ(owner.Size(), 3);
+  owner.Flush();
+  EXPECT_THAT(destroyed, ElementsAre("x", "y"));
+  EXPECT_EQ(owner.Size(), 0);
+  EXPECT_EQ(links_in_use(), 0);
+}
+
+TEST_F(IndirectList, RemoveOfNothingLeavesALinkThatRefersToNothing) {
+  OSIndirectList list;
+  list.Append(&a);
+  list.OSLinkList::Append(OSLink::Alloc(), nullptr);
+  list.Remove(nullptr);
+  EXPECT_EQ(list.ListLength(), 2);
+  EXPECT_EQ(list.Size(), 2);
+  EXPECT_EQ(links_in_use(), 2);
+}
+
+/// Looks at the link that its list had for it when it is destroyed.
+class LinkKeeper : public OSListObj {
+ public:
+  ~LinkKeeper() override {
+    EXPECT_EQ(link->object, nullptr);
+    EXPECT_EQ(link->next, link);
+    EXPECT_FALSE(link->isFree);
+  }
+  OSLink* link = nullptr;
+};
+
+TEST_F(IndirectList, FlushUnlinksBeforeItDestroysAndGivesTheLinkBackAfterwards) {
+  OSIndirectList owner(1);
+  for (int i = 0; i < 3; ++i) {
+    LinkKeeper* keeper = new LinkKeeper;
+    keeper->link = owner.AppendLink(keeper);
+  }
+  owner.Flush();
+  EXPECT_EQ(links_in_use(), 0);
 }
 
 TEST_F(IndirectList, FlushKeepsTheObjectsUnlessTheListOwnsThem) {
@@ -371,6 +394,23 @@ TEST_F(IndirectList, ValidateReportsACountThatDoesNotMatch) {
   list.number_in_list = 2;
 }
 
+TEST_F(IndirectList, ValidateEndsInARingThatNeverComesBack) {
+  // What a link that went home while it was listed leads into: the pool's ring, of any length.
+  for (int nodes = 1; nodes < 20; ++nodes) {
+    SCOPED_TRACE(nodes);
+    OSIndirectList list;
+    for (int i = 0; i < nodes; ++i) list.Append(&a);
+    OSLink* const last = list.Last();
+    console.clear();
+    last->next = OSLink::link_pool->First();
+    list.Validate("there");
+    last->next = &list;
+    ASSERT_FALSE(console.fatals().empty());
+    EXPECT_NE(console.fatals().back().find(" incorrect length "), std::string::npos);
+    EXPECT_TRUE(ListIsSound(list));
+  }
+}
+
 TEST_F(IndirectList, ValidateWithoutAConsoleIsHarmless) {
   OSIndirectList list;
   OSLink stranger;
@@ -423,32 +463,14 @@ TEST_F(ProtectedList, CanOwnItsObjectsOnceToldTo) {
 TEST_F(ProtectedList, EveryOperationTakesItsSection) {
   OSProtectedList list;
   list.Append(&a);
-  struct Row {
-    const char* name;
-    void (*operation)(OSProtectedList& list, Thing& thing);
-  };
-  const Row rows[] = {
-      {"Append", [](OSProtectedList& l, Thing& t) { l.Append(&t); }},
-      {"Insert", [](OSProtectedList& l, Thing& t) { l.Insert(&t); }},
-      {"Remove", [](OSProtectedList& l, Thing& t) { l.Remove(&t); }},
-      {"FirstObject", [](OSProtectedList& l, Thing&) { l.FirstObject(); }},
-      {"LastObject", [](OSProtectedList& l, Thing&) { l.LastObject(); }},
-      {"Flush", [](OSProtectedList& l, Thing&) { l.Flush(); }},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    std::atomic<bool> done{false};
-    EnterCriticalSection(&list.cs);
-    std::thread other([&] {
-      row.operation(list, b);
-      done = true;
-    });
-    EXPECT_FALSE(wait_until([&] { return done.load(); }, 30));
-    LeaveCriticalSection(&list.cs);
-    other.join();
-    EXPECT_TRUE(done);
-    EXPECT_EQ(list.cs.owner_count, 0);
-  }
+  ExpectOthersWait(list.cs, {
+                                {"Append", [&] { list.Append(&b); }},
+                                {"Insert", [&] { list.Insert(&b); }},
+                                {"Remove", [&] { list.Remove(&b); }},
+                                {"FirstObject", [&] { list.FirstObject(); }},
+                                {"LastObject", [&] { list.LastObject(); }},
+                                {"Flush", [&] { list.Flush(); }},
+                            });
 }
 
 TEST_F(ProtectedList, AThreadThatHoldsTheSectionCanUseTheList) {

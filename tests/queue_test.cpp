@@ -1,14 +1,10 @@
 // Queues that let their triggers look at every change, and the protected queue between threads.
 
 #include <algorithm>
-#include <atomic>
-#include <cstdio>
 #include <functional>
 #include <memory>
 #include <random>
-#include <semaphore>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -18,9 +14,14 @@
 #include "kernel/buffer.h"
 #include "kernel/link.h"
 #include "kernel/trigger.h"
-#include "support/kernel_fixture.h"
+#include "support/buffer_fixture.h"
+#include "support/link_objects.h"
+#include "support/queue_probe.h"
 #include "support/ring_check.h"
+#include "support/section_wait.h"
 #include "support/seed.h"
+#include "support/vtable_slot.h"
+#include "support/watched_thread.h"
 
 namespace oskernel_test {
 namespace {
@@ -28,54 +29,9 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-bool holds(const CRITICAL_SECTION& section) {
-  return section.owner_count > 0 && pthread_equal(section.owner_thread_id, pthread_self()) != 0;
-}
-
-/// Counts how often a queue asks it to look, and what was locked then.
-class Probe : public OSTrigger {
- public:
-  Probe() : OSTrigger(OS_TA_NONE) {}
-  void Check() override {
-    ++checks;
-    trigger_section_held = holds(OS_CRITICAL_TRIGGER);
-    if (watched_section != nullptr) queue_section_held = holds(*watched_section);
-    if (watched != nullptr) size_at_check = watched->Size();
-    if (on_check) on_check();
-  }
-  int taken_checks() { return std::exchange(checks, 0); }
-
-  int checks = 0;
-  bool trigger_section_held = false;
-  bool queue_section_held = false;
-  CRITICAL_SECTION* watched_section = nullptr;
-  OSLinkList* watched = nullptr;
-  int size_at_check = -1;
-  std::function<void()> on_check;
-};
-
-class Item : public OSLinkListObj {
- public:
-  void Free() override { ++frees; }
-  int frees = 0;
-};
-
-class QueueTest : public KernelTest {
+class QueueTest : public PoolTest {
  protected:
-  void SetUp() override {
-    KernelTest::SetUp();
-    StartQuiet();
-    links_at_start_ = OSLink::link_pool_size;
-  }
-  void TearDown() override {
-    EXPECT_EQ(OSLink::link_pool_size, links_at_start_);
-    EXPECT_EQ(OSBuf::allocated_list->Size(), 0) << "every buffer goes home";
-    KernelTest::TearDown();
-  }
   Item a, b, c;
-
- private:
-  ULONG links_at_start_ = 0;
 };
 
 class Queue : public QueueTest {};
@@ -235,24 +191,205 @@ TEST_F(Queue, TheChecksSurviveATriggerThatDestroysAnother) {
   queue.triggers.Flush();
 }
 
-TEST_F(Queue, TheChecksEndWhenATriggerRegistersAgainAndAgain) {
+TEST_F(Queue, ATriggerThatRegistersAgainDuringTheChecksIsNotAskedTwice) {
   // A queue trigger that fires and is cleared at once leaves the list and comes back at its end.
   OSQueue queue;
-  Probe first, second;
-  queue.TriggerList()->Append(&first);
-  queue.TriggerList()->Append(&second);
-  int moves = 0;
-  first.on_check = [&] {
-    if (++moves > 50) return;
-    queue.TriggerList()->Remove(&first);
-    queue.TriggerList()->Append(&first);
+  Probe probes[3];
+  for (Probe& probe : probes) {
+    queue.TriggerList()->Append(&probe);
+    probe.on_check = [&] {
+      queue.TriggerList()->Remove(&probe);
+      queue.TriggerList()->Append(&probe);
+    };
+  }
+  queue.Append(&a);
+  for (Probe& probe : probes) {
+    EXPECT_EQ(probe.taken_checks(), 1);
+    probe.on_check = nullptr;
+  }
+  EXPECT_EQ(queue.triggers.Size(), 3);
+  queue.Remove(&a);
+  for (Probe& probe : probes) EXPECT_EQ(probe.checks, 1);
+  queue.triggers.Flush();
+}
+
+TEST_F(Queue, ATriggerThatRegistersDuringTheChecksIsAskedAtTheNextChange) {
+  // Whoever takes out the last one must not lead the walk on to what has come after it.
+  struct Row {
+    const char* name;
+    std::size_t acts;
+    std::vector<std::size_t> takes_out;
+    std::vector<int> checks;
+  };
+  const Row rows[] = {
+      {"nobody leaves", 0, {}, {1, 1, 1}},
+      {"the last one leaves", 0, {2}, {1, 1, 0}},
+      {"the last two leave", 0, {2, 1}, {1, 0, 0}},
+      {"the last two leave, the other way round", 0, {1, 2}, {1, 0, 0}},
+      {"the last one leaves when it is next", 1, {2}, {1, 1, 0}},
+      {"the first one leaves from the last one's check", 2, {0}, {1, 1, 1}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    OSQueue queue;
+    Probe probes[3], newcomer;
+    for (Probe& probe : probes) queue.TriggerList()->Append(&probe);
+    probes[row.acts].on_check = [&] {
+      for (std::size_t i : row.takes_out) queue.TriggerList()->Remove(&probes[i]);
+      queue.TriggerList()->Append(&newcomer);
+    };
+    queue.Append(&a);
+    for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(probes[i].checks, row.checks[i]) << i;
+    EXPECT_EQ(newcomer.checks, 0);
+    probes[row.acts].on_check = nullptr;
+    queue.Remove(&a);
+    EXPECT_EQ(newcomer.checks, 1);
+    queue.triggers.Flush();
+  }
+}
+
+TEST_F(Queue, TheChecksSurviveATriggerThatFlushesTheList) {
+  OSQueue queue;
+  Probe probes[3];
+  for (Probe& probe : probes) queue.TriggerList()->Append(&probe);
+  bool once = true;
+  probes[0].on_check = [&] {
+    if (!std::exchange(once, false)) return;
+    queue.triggers.Flush();
+    for (Probe& probe : probes) queue.TriggerList()->Append(&probe);  // with the same links
   };
   queue.Append(&a);
-  EXPECT_GE(first.checks, 1);
-  EXPECT_GE(second.checks, 1);
-  EXPECT_LE(moves, 51);
+  EXPECT_EQ(probes[0].taken_checks(), 1);
+  for (Probe& probe : probes) EXPECT_EQ(probe.checks, 0);
+  queue.Remove(&a);
+  for (Probe& probe : probes) EXPECT_EQ(probe.checks, 1);
+  queue.triggers.Flush();
+}
+
+TEST_F(Queue, TheChecksEndAtALinkThatWentHomeUnnoticed) {
+  OSQueue queue;
+  Probe probes[3];
+  for (Probe& probe : probes) queue.TriggerList()->Append(&probe);
+  bool once = true;
+  probes[0].on_check = [&] {
+    if (!std::exchange(once, false)) return;
+    OSLink* const link = queue.triggers.First()->next;
+    queue.triggers.OSLinkList::Remove(link);  // not the list's own way out
+    link->Free();
+  };
+  queue.Append(&a);
+  EXPECT_EQ(probes[0].checks, 1);
+  EXPECT_EQ(probes[1].checks, 0);
   EXPECT_EQ(queue.triggers.Size(), 2);
   queue.Remove(&a);
+  EXPECT_EQ(probes[1].checks, 0);
+  EXPECT_EQ(probes[2].checks, 1);
+  queue.triggers.Flush();
+}
+
+TEST_F(Queue, ACheckWithinACheckMayTakeOutWhatBothWouldComeTo) {
+  OSQueue queue;
+  Probe probes[4];
+  for (Probe& probe : probes) queue.TriggerList()->Append(&probe);
+  probes[0].on_check = [&] {
+    if (queue.Size() == 1) queue.Append(&b);  // a walk within the walk
+  };
+  probes[1].on_check = [&] {
+    queue.TriggerList()->Remove(&probes[1]);  // the outer walk stands before this one
+    queue.TriggerList()->Remove(&probes[2]);  // the inner one before this
+  };
+  queue.Append(&a);
+  EXPECT_EQ(probes[0].checks, 2);
+  EXPECT_EQ(probes[1].checks, 1) << "it had left before the outer walk came to it";
+  EXPECT_EQ(probes[2].checks, 0);
+  EXPECT_EQ(probes[3].checks, 2);
+  queue.Flush();
+  queue.triggers.Flush();
+}
+
+TEST_F(Queue, TheChecksStopAtANodeWithoutATrigger) {
+  OSQueue queue;
+  Probe first, last;
+  OSLink nobody;
+  queue.TriggerList()->Append(&first);
+  queue.triggers.OSLinkList::Append(&nobody, nullptr);
+  queue.TriggerList()->Append(&last);
+  queue.Append(&a);
+  EXPECT_EQ(first.checks, 1);
+  EXPECT_EQ(last.checks, 0);
+  nobody.object = &nobody;
+  queue.triggers.OSLinkList::Remove(&nobody);
+  queue.Remove(&a);
+  EXPECT_EQ(last.checks, 1);
+  queue.triggers.Flush();
+}
+
+TEST_F(Queue, ARefusedObjectIsReportedAndTheTriggersLookAllTheSame) {
+  OSQueue queue, other;
+  Probe probe;
+  queue.TriggerList()->Append(&probe);
+  other.Append(&a);
+  queue.Append(&a);
+  queue.Insert(&a);
+  EXPECT_THAT(console.fatals(), ElementsAre("OSLinkList::Append Obj of link that is already in a list",
+                                            "OSLinkList::Insert Obj of link that is already in a list"));
+  EXPECT_EQ(probe.checks, 2);
+  EXPECT_EQ(queue.Size(), 0);
+  EXPECT_THAT(ring_nodes(other), ElementsAre(&a));
+  other.Remove(&a);
+  queue.triggers.Flush();
+}
+
+TEST(QueueAlone, WorksBeforeTheTriggerSystemIsThere) {
+  IN_FRESH_PROCESS({
+    RecordingConsole console;
+    Console = &console;
+    EXPECT_EQ(OS_CRITICAL_TRIGGER.sem, nullptr);
+    {
+      OSQueue queue;
+      Item a("a"), b("b");
+      queue.Append(&a);
+      queue.Insert(&b);
+      EXPECT_EQ(names(queue), "ba");
+      queue.Remove(&a);
+      queue.Flush();
+      EXPECT_EQ(b.frees, 1);
+    }
+    EXPECT_THAT(console.fatals(), IsEmpty());
+    Console = nullptr;
+  });
+}
+
+TEST_F(Queue, FieldsStandInTheirOrderAndVirtualOperationsInTheirSlots) {
+  OSProtectedQueue queue;
+  OSProtectedList list;
+  const std::vector<const void*> of_queue = {&queue.signature, &queue.triggers, &queue.cs};
+  EXPECT_TRUE(std::is_sorted(of_queue.begin(), of_queue.end(), std::less<>()));
+  const std::vector<const void*> of_list = {&list.signature, &list.cs};
+  EXPECT_TRUE(std::is_sorted(of_list.begin(), of_list.end(), std::less<>()));
+  EXPECT_EQ(vtable_slot(&OSIndirectList::Flush), 2);
+  EXPECT_EQ(vtable_slot(&OSQueue::Flush), 2);
+  EXPECT_EQ(vtable_slot(&OSProtectedQueue::Flush), 2);
+  EXPECT_EQ(vtable_slot(&OSProtectedList::Flush), 2);
+  EXPECT_EQ(vtable_slot(&OSIndirectList::InsertBefore), -1);
+  EXPECT_EQ(vtable_slot(&OSIndirectList::Validate), -1);
+  EXPECT_EQ(vtable_slot(&OSQueue::TriggerList), -1);
+  EXPECT_EQ(vtable_slot(&OSProtectedQueue::AppendBufAndCompact), -1);
+  EXPECT_EQ(vtable_slot(&OSProtectedQueue::FirstBufAndRemove), -1);
+  EXPECT_EQ(vtable_slot(&OSProtectedList::FirstObject), -1);
+}
+
+TEST_F(Queue, FlushThroughTheBaseClassIsTheQueuesOwn) {
+  OSProtectedQueue queue;
+  Probe probe;
+  probe.watched_section = &queue.cs;
+  queue.TriggerList()->Append(&probe);
+  queue.Append(&a);
+  probe.taken_checks();
+  static_cast<OSLink&>(queue).Flush();
+  EXPECT_EQ(a.frees, 1);
+  EXPECT_EQ(probe.checks, 1);
+  EXPECT_TRUE(probe.queue_section_held);
   queue.triggers.Flush();
 }
 
@@ -293,36 +430,56 @@ TEST_F(Queue, ARealQueueTriggerFiresAtItsMarkAndLeavesTheList) {
   queue.Remove(&c);
 }
 
+TEST_F(Queue, TheTriggerListIsUsedInsideTheTriggerSectionToItsEnd) {
+  OSQueue unwatched;
+  auto queue = std::make_unique<OSQueue>();
+  Probe probe;
+  queue->TriggerList()->Append(&probe);
+  ExpectOthersWait(OS_CRITICAL_TRIGGER, {
+                                            {"Append", [&] { queue->Append(&a); }},
+                                            {"Insert", [&] { queue->Insert(&b); }},
+                                            {"Remove", [&] { queue->Remove(&b); }},
+                                            {"Flush", [&] { queue->Flush(); }},
+                                            {"without triggers", [&] { unwatched.Append(&c); }},
+                                        });
+  EXPECT_EQ(probe.checks, 4);
+
+  // The destructor gives the links back inside the section: held up at the pool, it has it.
+  EnterCriticalSection(&OS_CRITICAL_LINK);
+  {
+    WatchedThread other([&] { queue.reset(); });
+    EXPECT_TRUE(other.blocked());
+    EXPECT_EQ(TryEnterCriticalSection(&OS_CRITICAL_TRIGGER), 0);
+    LeaveCriticalSection(&OS_CRITICAL_LINK);
+  }
+  EXPECT_EQ(OS_CRITICAL_TRIGGER.owner_count, 0);
+  unwatched.Remove(&c);
+}
+
 TEST_F(Queue, TheDestructorLeavesTheObjectsUnlessTheQueueOwnsThem) {
   int alive = 0;
-  class Counted : public OSLinkListObj {
-   public:
-    explicit Counted(int* count) : count_(count) { ++*count_; }
-    ~Counted() override { --*count_; }
-
-   private:
-    int* count_;
-  };
   {
     OSQueue owner(1);
-    for (int i = 0; i < 3; ++i) owner.Append(new Counted(&alive));
+    for (int i = 0; i < 3; ++i) owner.Append(new Counted<Item>(&alive));
     EXPECT_EQ(alive, 3);
   }
   EXPECT_EQ(alive, 0);
+  {
+    OSQueue queue;
+    queue.Append(&a);
+  }
+  EXPECT_EQ(a.frees, 0) << "let go of, not freed";
+  EXPECT_EQ(a.object, nullptr);
 }
 
 // ---------------------------------------------------------------------------------------- protected queue
 
 class ProtectedQueue : public QueueTest {
  protected:
-  static std::string content(OSListObj* object) {
-    OSBuf* buf = as<OSBuf>(object);
-    return std::string(reinterpret_cast<const char*>(buf->data), buf->length);
-  }
   static OSBuf* filled(int len, char first) {
     std::string text;
     for (int i = 0; i < len; ++i) text += static_cast<char>(first + i % 26);
-    return OSBuf::Alloc(reinterpret_cast<const UBYTE*>(text.data()), len);
+    return OSBuf::Alloc(bytes_of(text), len);
   }
 };
 
@@ -409,11 +566,11 @@ TEST_F(ProtectedQueue, AppendBufAndCompactFillsTheLastBufferUpTo1400Bytes) {
     probe.watched_section = &queue.cs;
     OSBuf* last = OSBuf::Alloc(1700);
     for (int i = 0; i < row.last; ++i) last->PushData(static_cast<UBYTE>('A' + (row.last - 1 - i) % 26));
-    std::string all(reinterpret_cast<char*>(last->data), last->length);
+    std::string all = content(last);
     queue.Append(last);
     queue.TriggerList()->Append(&probe);
     OSBuf* added = filled(row.added, 'a');
-    all.append(reinterpret_cast<char*>(added->data), added->length);
+    all += content(added);
     const int allocated = OSBuf::allocated_list->Size();
     queue.AppendBufAndCompact(added);
     const bool queued = row.lengths.size() == 2;
@@ -449,6 +606,56 @@ TEST_F(ProtectedQueue, AppendBufAndCompactOnAnEmptyQueueAppends) {
   queue.Flush();
 }
 
+TEST_F(ProtectedQueue, AppendBufAndCompactIgnoresNullAndRefusesWhatIsInAList) {
+  OSProtectedQueue queue, other;
+  Probe probe;
+  queue.TriggerList()->Append(&probe);
+  queue.AppendBufAndCompact(nullptr);
+  EXPECT_EQ(queue.Size(), 0);
+  EXPECT_EQ(probe.checks, 0);
+  OSBuf* last = filled(10, 'a');
+  OSBuf* listed = filled(10, 'k');
+  queue.Append(last);
+  other.Append(listed);
+  queue.AppendBufAndCompact(listed);
+  EXPECT_THAT(console.fatals(), ElementsAre("OSLinkList::Append Obj of link that is already in a list"));
+  EXPECT_EQ(content(last), "abcdefghij");
+  EXPECT_EQ(content(listed), "klmnopqrst");
+  EXPECT_TRUE(ListIsSound(queue));
+  EXPECT_TRUE(ListIsSound(other));
+  EXPECT_EQ(queue.cs.owner_count, 0);
+  queue.triggers.Flush();
+  queue.Flush();
+  other.Flush();
+}
+
+TEST_F(ProtectedQueue, BuffersAreFreedInsideItsSection) {
+  OSProtectedQueue queue;
+  struct Record {
+    CRITICAL_SECTION* section;
+    int inside = 0;
+    int outside = 0;
+  } record{&queue.cs};
+  const auto watched = [&](int len) {
+    OSBuf* buf = filled(len, 'a');
+    buf->AddBufferCallback(OSCallback::Alloc(
+        nullptr,
+        [](OSObj*, ADDR at, ULONG) {
+          Record& seen = *static_cast<Record*>(at);
+          ++(is_inside(*seen.section) ? seen.inside : seen.outside);
+        },
+        nullptr, &record, 0));
+    return buf;
+  };
+  queue.AppendBufAndCompact(watched(10));
+  EXPECT_EQ(record.inside, 0);
+  queue.AppendBufAndCompact(watched(10));
+  EXPECT_EQ(record.inside, 1) << "the emptied buffer";
+  queue.Flush();
+  EXPECT_EQ(record.inside, 2);
+  EXPECT_EQ(record.outside, 0);
+}
+
 TEST_F(ProtectedQueue, SmallWritesCoalesce) {
   OSProtectedQueue queue;
   std::string all;
@@ -469,190 +676,18 @@ TEST_F(ProtectedQueue, SmallWritesCoalesce) {
 TEST_F(ProtectedQueue, EveryOperationTakesTheSection) {
   OSProtectedQueue queue;
   OSBuf* buf = filled(10, 'x');
-  struct Row {
-    const char* name;
-    std::function<void()> operation;
-  };
-  const Row rows[] = {
-      {"Append", [&] { queue.Append(&a); }},
-      {"Insert", [&] { queue.Insert(&b); }},
-      {"FirstObject", [&] { queue.FirstObject(); }},
-      {"LastObject", [&] { queue.LastObject(); }},
-      {"Remove", [&] { queue.Remove(&a); }},
-      {"Flush", [&] { queue.Flush(); }},
-      {"AppendBufAndCompact", [&] { queue.AppendBufAndCompact(buf); }},
-      {"FirstBufAndRemove", [&] { queue.FirstBufAndRemove(); }},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    std::atomic<bool> done{false};
-    EnterCriticalSection(&queue.cs);
-    std::thread other([&] {
-      row.operation();
-      done = true;
-    });
-    EXPECT_FALSE(wait_until([&] { return done.load(); }, 30));
-    LeaveCriticalSection(&queue.cs);
-    other.join();
-  }
+  ExpectOthersWait(queue.cs, {
+                                 {"Append", [&] { queue.Append(&a); }},
+                                 {"Insert", [&] { queue.Insert(&b); }},
+                                 {"FirstObject", [&] { queue.FirstObject(); }},
+                                 {"LastObject", [&] { queue.LastObject(); }},
+                                 {"Remove", [&] { queue.Remove(&a); }},
+                                 {"Flush", [&] { queue.Flush(); }},
+                                 {"AppendBufAndCompact", [&] { queue.AppendBufAndCompact(buf); }},
+                                 {"FirstBufAndRemove", [&] { queue.FirstBufAndRemove(); }},
+                             });
   EXPECT_EQ(queue.Size(), 0);
   buf->Free();
-}
-
-TEST_F(ProtectedQueue, OneProducersBuffersArriveInTheirOrder) {
-  OSProtectedQueue queue;
-  constexpr int kProducers = 3;
-  constexpr ULONG kPerProducer = 2000;
-  std::counting_semaphore<> available(0);
-  std::counting_semaphore<> room(60);  // fewer than there are buffers
-  std::vector<std::thread> producers;
-  for (ULONG p = 0; p < kProducers; ++p) {
-    producers.emplace_back([&, p] {
-      for (ULONG i = 0; i < kPerProducer; ++i) {
-        room.acquire();
-        OSBuf* buf = OSBuf::Alloc(0);
-        buf->local_ipaddr = p;
-        buf->remote_ipaddr = i;
-        queue.Append(buf);
-        available.release();
-      }
-    });
-  }
-  ULONG next[kProducers] = {};
-  int wrong = 0;
-  for (ULONG i = 0; i < kProducers * kPerProducer; ++i) {
-    available.acquire();
-    OSBuf* buf = queue.FirstBufAndRemove();
-    if (buf == nullptr) {
-      ++wrong;
-      continue;
-    }
-    if (buf->local_ipaddr >= kProducers || buf->remote_ipaddr != next[buf->local_ipaddr]++) ++wrong;
-    buf->Free();
-    room.release();
-  }
-  for (std::thread& producer : producers) producer.join();
-  EXPECT_EQ(wrong, 0);
-  EXPECT_EQ(queue.FirstBufAndRemove(), nullptr);
-  EXPECT_EQ(queue.Signature(), 2u * kProducers * kPerProducer);
-  EXPECT_THAT(console.fatals(), IsEmpty());
-}
-
-TEST_F(ProtectedQueue, ProducersAndConsumersLoseNothingAndShareNothing) {
-  OSProtectedQueue queue;
-  constexpr int kConsumers = 3;
-  constexpr int kTotal = 3000;
-  std::counting_semaphore<> available(0);
-  std::counting_semaphore<> room(60);
-  std::vector<std::atomic<int>> seen(kTotal);
-  std::atomic<int> next{0};
-  std::atomic<int> failures{0};
-  std::vector<std::thread> threads;
-  for (int p = 0; p < 2; ++p) {
-    threads.emplace_back([&, p] {
-      for (;;) {
-        const int number = next++;
-        if (number >= kTotal) break;
-        room.acquire();
-        OSBuf* buf = OSBuf::Alloc(0);
-        buf->remote_ipaddr = static_cast<ULONG>(number);
-        if (p == 0) {
-          queue.Append(buf);
-        } else {
-          queue.Insert(buf);
-        }
-        available.release();
-      }
-    });
-  }
-  std::atomic<int> to_take{kTotal};
-  for (int t = 0; t < kConsumers; ++t) {
-    threads.emplace_back([&] {
-      while (to_take-- > 0) {
-        available.acquire();
-        OSBuf* buf = queue.FirstBufAndRemove();
-        if (buf == nullptr) {
-          ++failures;
-          continue;
-        }
-        ++seen[buf->remote_ipaddr];
-        buf->Free();
-        room.release();
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(failures, 0);
-  for (int i = 0; i < kTotal; ++i) ASSERT_EQ(seen[static_cast<std::size_t>(i)], 1) << i;
-  EXPECT_EQ(queue.Size(), 0);
-  EXPECT_THAT(console.fatals(), IsEmpty());
-}
-
-TEST_F(ProtectedQueue, BytesFromManyThreadsStayWholeThroughCompaction) {
-  OSProtectedQueue queue;
-  constexpr int kThreads = 3;
-  constexpr int kWrites = 500;
-  std::atomic<int> running{kThreads};
-  std::vector<std::thread> threads;
-  std::counting_semaphore<> room(20);
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < kWrites; ++i) {
-        // Eight bytes that belong together: who wrote them, and the count.
-        room.acquire();
-        char text[9];
-        snprintf(text, sizeof text, "%c%05d;\n", 'A' + t, i);
-        queue.AppendBufAndCompact(OSBuf::Alloc(text));
-        room.release();
-      }
-      --running;
-    });
-  }
-  std::string all;
-  for (;;) {
-    const bool over = running == 0;
-    OSBuf* buf = queue.FirstBufAndRemove();
-    if (buf != nullptr) {
-      all.append(reinterpret_cast<char*>(buf->data), buf->length);
-      buf->Free();
-    } else if (over) {
-      break;
-    } else {
-      std::this_thread::yield();
-    }
-  }
-  for (std::thread& thread : threads) thread.join();
-  ASSERT_EQ(all.size(), static_cast<std::size_t>(8 * kThreads * kWrites));
-  int next[kThreads] = {};
-  for (std::size_t at = 0; at < all.size(); at += 8) {
-    const int who = all[at] - 'A';
-    ASSERT_GE(who, 0);
-    ASSERT_LT(who, kThreads);
-    ASSERT_EQ(std::stoi(all.substr(at + 1, 5)), next[who]++);
-  }
-  EXPECT_THAT(console.fatals(), IsEmpty());
-}
-
-TEST_F(ProtectedQueue, TriggersComeAndGoWhileTheQueueIsInUse) {
-  OSProtectedQueue queue;
-  std::atomic<bool> stop{false};
-  std::thread user([&] {
-    while (!stop) {
-      OSBuf* buf = OSBuf::Alloc(0);
-      queue.Append(buf);
-      queue.FirstBufAndRemove()->Free();
-    }
-  });
-  for (int i = 0; i < 200; ++i) {
-    OSQTrigger full(&queue, 1, 0, 0);
-    OSQTrigger never(&queue, 1000, 0, 0);
-    std::this_thread::yield();
-  }
-  stop = true;
-  user.join();
-  EXPECT_EQ(queue.triggers.Size(), 0);
-  EXPECT_EQ(OS_READY_LIST.Size(), 0);
-  EXPECT_THAT(console.fatals(), IsEmpty());
 }
 
 TEST_F(ProtectedQueue, RandomCompactionKeepsTheBytesInOrder) {
@@ -667,10 +702,10 @@ TEST_F(ProtectedQueue, RandomCompactionKeepsTheBytesInOrder) {
       const int len = pick(random, 0, pick(random, 0, 3) == 0 ? 1500 : 120);
       std::string text;
       for (int i = 0; i < len; ++i) text += next = static_cast<char>(next == 'z' ? 'a' : next + 1);
-      queue.AppendBufAndCompact(OSBuf::Alloc(reinterpret_cast<const UBYTE*>(text.data()), len));
+      queue.AppendBufAndCompact(OSBuf::Alloc(bytes_of(text), len));
       model += text;
     } else if (OSBuf* buf = queue.FirstBufAndRemove()) {
-      const std::string text(reinterpret_cast<char*>(buf->data), buf->length);
+      const std::string text = content(buf);
       ASSERT_EQ(text, model.substr(0, text.size()));
       model.erase(0, text.size());
       buf->Free();
