@@ -1,6 +1,8 @@
 /// Start-up, shutdown, the kernel's globals and the two string conversions.
 #include "kernel/kernel.h"
 
+#include <dlfcn.h>
+
 #include <algorithm>
 #include <cstdint>
 
@@ -9,12 +11,24 @@
 #include "kernel/task_priv.h"
 #include "kernel/trigger.h"
 
-// Constructed in this order; programs' own static objects may use them as soon as the library is loaded. The
-// lists are left alone at the end: the trigger task may still walk them while the process exits.
-OSLinkList OS_TIMER_LIST{OSStaticList{}};
-OSLinkList OS_POLL_LIST{OSStaticList{}};
-OSLinkList OS_READY_LIST{OSStaticList{}};
-OSLink OS_NOTIFY_LIST;
+/// Storage whose contents are never destroyed. The trigger task still walks the lists while the process exits, and
+/// triggers of static storage take themselves out as late as that.
+template <class List>
+union LastingList {
+  constexpr LastingList() : list() {}
+  // Trivial on purpose; `= default` would be deleted because the member has a destructor.
+  ~LastingList() {}  // NOLINT(modernize-use-equals-default)
+  List list;
+};
+
+// Constructed in this order; programs' own static objects may use them as soon as the library is loaded. The lists
+// carry their public names in the object file only: an empty list points at itself, and only a reference to the
+// public symbol follows it into a program that has a copy of the variable.
+#define OSKERNEL_LASTING(name) __asm__(#name) __attribute__((used, visibility("default")))
+constinit LastingList<OSLinkList> timer_list OSKERNEL_LASTING(OS_TIMER_LIST);
+constinit LastingList<OSLinkList> poll_list OSKERNEL_LASTING(OS_POLL_LIST);
+constinit LastingList<OSLinkList> ready_list OSKERNEL_LASTING(OS_READY_LIST);
+constinit LastingList<OSLink> notify_list OSKERNEL_LASTING(OS_NOTIFY_LIST);
 KernelCfg default_cfg;
 OSMemPool OS_EMPTYPOOL;
 
@@ -54,9 +68,18 @@ OSMemPool* make_memory_pool(UBYTE* membase, ULONG memsize) {
   return new (static_cast<ADDR>(membase + lost)) OSMemPool(memsize - lost, 1);
 }
 
+/// Keeps the library loaded to the end of the process. A dlclose while threads run in it would take their code
+/// away, and even after a stop a thread that its task has detached may still be on its way out.
+bool keep_loaded() {
+  Dl_info own{};
+  if (dladdr(&default_cfg, &own) == 0 || own.dli_fname == nullptr) return false;
+  return dlopen(own.dli_fname, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE) != nullptr;
+}
+
 }  // namespace
 
 void os_startup(UBYTE* membase, ULONG memsize, KernelCfg* cfg) {
+  [[maybe_unused]] static const bool stays_loaded = keep_loaded();
   os_posix_init();
   KERNELCFG = cfg != nullptr ? cfg : &default_cfg;
   OS_MEMORY = make_memory_pool(membase, memsize);

@@ -39,11 +39,14 @@ extern "C" {
 ///   cfg       lends the configuration until the kernel has stopped (it is referenced, not copied); null for
 ///             default_cfg
 ///   threads   one thread, before any other uses the kernel. A second start without a stop is not detected.
-/// Failures inside the steps are reported by the step through Console.
+/// Failures inside the steps are reported by the step through Console. From the first start on the library stays
+/// loaded until the process ends, whatever dlclose says: its threads run in it.
 OSKERNEL_API void os_startup(UBYTE* membase, ULONG memsize, KernelCfg* cfg);
 
-/// Stops triggers, tasks, buffers, callbacks and the POSIX layer, in this order. The link pool stays, so that
-/// lists of the program stay valid, and the memory pool is not touched.
+/// Stops triggers, tasks, buffers, callbacks and the POSIX layer, in this order. The memory pool is not touched.
+/// Deliberate: the link pool stays. Lists of the program outlive the kernel, static ones to the end of the
+/// process, and give their links back whenever they are destroyed. Pinned by kernel_test.cpp,
+/// StopLeavesTheLinkPoolUsable.
 ///   threads   one thread, when no other needs the kernel any more; not a task and not a trigger's callback
 OSKERNEL_API void os_cleanup();
 }
@@ -51,11 +54,14 @@ OSKERNEL_API void os_cleanup();
 // ---- Strings -----------------------------------------------------------------------------------------------
 
 /// Copies wide characters to bytes, each reduced to its low 8 bits, up to a zero or until nbytes are written.
-/// The result is terminated only when fewer than nbytes characters were written.
+/// Deliberate: the result is terminated only when fewer than nbytes characters were written; callers fill fields
+/// of fixed width with it. Pinned by kernel_test.cpp, AreNarrowedToTheirLowEightBits.
 ///   returns   the number of characters copied, without the terminator
 OSKERNEL_API unsigned int wcstostr(char* mbstring, const wchar_t* wcstring, unsigned int nbytes);
 
 /// The other direction: each byte, taken as unsigned, becomes a wide character; nwchars counts wide characters.
+/// Terminated by the same rule.
+///   returns   the number of wide characters copied, without the terminator
 OSKERNEL_API unsigned int strtowcs(wchar_t* wcstring, const char* mbstring, unsigned int nwchars);
 
 // ---- Priority scan tables ----------------------------------------------------------------------------------
@@ -98,11 +104,19 @@ extern OSKERNEL_API OSLinkList OS_READY_LIST;
 extern OSKERNEL_API OSLink
     OS_NOTIFY_LIST;  ///< head of the callbacks that os_notify_now runs; no lock guards it
 
-extern OSKERNEL_API OSTask* OS_TASK;              ///< the task whose thread started most recently
+/// The task whose thread started most recently; null when that task is gone. Written without a lock, so it means
+/// something only while one thread starts at a time.
+extern OSKERNEL_API OSTask* OS_TASK;
 extern OSKERNEL_API OSTriggerTask* OS_TRIG_TASK;  ///< the kernel trigger task, null without one
-extern OSKERNEL_API OSAxeTask* OS_AXE_TASK;       ///< set by a program that makes one; os_cleanup deletes it
+/// Set by a program that makes one; os_cleanup deletes it.
+/// Deliberate: the pointer is not reset; programs recognise by it that they have made one. The next stop leaves it
+/// alone unless a new one stands there. Pinned by axe_task_test.cpp,
+/// StopDeletesTheAxeTaskOfTheProgramAndLeavesThePointer.
+extern OSKERNEL_API OSAxeTask* OS_AXE_TASK;
 /// Set by a program that makes one; os_cleanup releases its storage with ::operator delete, without running a
 /// destructor.
+/// Deliberate: the pointer is not reset, as that of OS_AXE_TASK. Pinned by kernel_test.cpp,
+/// StopReleasesTheProgramAndKeepsThePointer.
 extern OSKERNEL_API OSProgram* OS_PROGRAM;
 
 extern OSKERNEL_API ULONG OS_BTIME;     ///< reserved; never touched
@@ -111,7 +125,7 @@ extern OSKERNEL_API UWORD OS_USEDTIME;  ///< reserved; never touched
 /// The standard scan: 32 level numbers and a 0. In one round level 1 comes 16 times, level 2 nine times, level 3
 /// four times, level 4 twice and level 5 once.
 /// Deliberate: the sixteenth number is 2 where the pattern would have 5; programs count on the sequence as it
-/// is. Pinned by kernel_test.cpp.
+/// is. Pinned by kernel_test.cpp, StandardSequenceIsAsItIs.
 extern OSKERNEL_API UBYTE os_stdscan[33];
 
 extern OSKERNEL_API pthread_attr_t std_thread_attr;      ///< stack size 1 MiB; valid while OS_POSIX_OK

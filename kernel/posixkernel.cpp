@@ -68,15 +68,8 @@ DWORD wait_result(int error) {
   return error == ETIMEDOUT ? kTimedOut : kFailed;
 }
 
-/// sem_clockwait against the monotonic clock, which nobody sets.
 int wait_slice(sem_t* sem, ULONG ms) {
-  timespec until{};
-  clock_gettime(CLOCK_MONOTONIC, &until);
-  until.tv_nsec += static_cast<long>(ms) * 1000000L;
-  if (until.tv_nsec >= 1000000000L) {
-    until.tv_nsec -= 1000000000L;
-    ++until.tv_sec;
-  }
+  const timespec until = monotonic_deadline(ms);
   const int result = sem_clockwait(sem, CLOCK_MONOTONIC, &until);
 #if defined(OSKERNEL_TSAN)
   // The sanitizer knows sem_post but not sem_clockwait: tell it what a taken token orders.
@@ -104,6 +97,18 @@ std::unordered_map<HANDLE, KernelEvent*>& events_by_handle() {
 }  // namespace
 
 thread_local std::atomic<unsigned>* endless_waits = nullptr;
+
+timespec monotonic_deadline(ULONG ms) {
+  timespec until{};
+  clock_gettime(CLOCK_MONOTONIC, &until);
+  until.tv_sec += static_cast<time_t>(ms / 1000);
+  until.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
+  if (until.tv_nsec >= 1000000000L) {
+    until.tv_nsec -= 1000000000L;
+    ++until.tv_sec;
+  }
+  return until;
+}
 
 // ---- Start and stop ----------------------------------------------------------------------------------------
 
@@ -324,14 +329,7 @@ DWORD WaitForSingleObject(HANDLE handle, unsigned int timeout_ms) {
 
 void Sleep(int ms) {
   if (ms <= 0) return;
-  timespec until{};
-  clock_gettime(CLOCK_MONOTONIC, &until);
-  until.tv_sec += ms / 1000;
-  until.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
-  if (until.tv_nsec >= 1000000000L) {
-    until.tv_nsec -= 1000000000L;
-    ++until.tv_sec;
-  }
+  const timespec until = monotonic_deadline(static_cast<ULONG>(ms));
   while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
   }
 }

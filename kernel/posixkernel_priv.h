@@ -2,6 +2,8 @@
 #ifndef OSKERNEL_POSIXKERNEL_PRIV_H
 #define OSKERNEL_POSIXKERNEL_PRIV_H
 
+#include <time.h>
+
 #include <atomic>
 
 #include "posixkernel.h"
@@ -39,6 +41,9 @@ inline void check_section_order(const CRITICAL_SECTION* /*section*/) {}
 inline void note_section_entered(const CRITICAL_SECTION* /*section*/) {}
 inline void note_section_left(const CRITICAL_SECTION* /*section*/) {}
 #endif
+
+/// The moment so many milliseconds from now on the monotonic clock, which nobody sets.
+timespec monotonic_deadline(ULONG ms);
 
 /// Where the calling thread counts its waits for ever: odd while it is inside one. Null when nobody asks.
 extern thread_local std::atomic<unsigned>* endless_waits __attribute__((tls_model("initial-exec")));

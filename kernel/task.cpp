@@ -1,4 +1,4 @@
-/// The task object, its thread's start and exit, and the task system's start and stop.
+/// The task object, its thread's start and exit, and the task system's start; its stop is in task_stop.cpp.
 #include "kernel/task.h"
 
 #include <cxxabi.h>
@@ -6,9 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <new>
-#include <semaphore>
 
 #include "kernel/kern_memory.h"
 #include "kernel/posixkernel_priv.h"
@@ -30,51 +28,11 @@ constexpr UWORD kLowestPriority = 8;
 /// this one's printf and thread start take more than those stacks had to spare.
 constexpr std::size_t kStackMargin_bytes = 64UL * 1024;
 
-/// os_cleanup tells a task to stop and waits for its Main. A Main that has not come out of one and the same wait
-/// for ever by then waits for something that only the task's own destructor does.
-constexpr std::chrono::seconds kStuckAfter{2};
-/// A Main that neither ends nor waits for ever may be polling a flag of its own; it gets so long.
-constexpr std::chrono::seconds kStopLimit{30};
-constexpr std::chrono::milliseconds kStopSlice{50};
-
-/// The record that object and thread share, with what only this file knows of it.
-struct SharedRecord : OSTaskRecord {
-  int owners = 2;                          // the object and the thread; under OS_CRITICAL_TASK
-  std::binary_semaphore ended{0};          // released once the thread needs its object no more
-  std::atomic<unsigned> endless_waits{0};  // counted by the thread, see posixkernel_priv.h
-
-  // What os_cleanup found when it told the task to stop; under OS_CRITICAL_TASK.
-  bool told = false;
-  OSTState state_found = OS_ST_OK;
-  unsigned waits_found = 0;
-
-  void release_locked() {
-    if (--owners == 0) delete this;
-  }
-};
-
 /// At least the smallest stack, rounded up to a multiple of 4 (down where that would pass 32 bits).
 ULONG recorded_stack_size(ULONG bytes) {
   constexpr ULONG kLargest_bytes = 0xFFFFFFFC;
   return (std::min(std::max(bytes, kSmallestStack_bytes), kLargest_bytes) + 3) & ~ULONG{3};
 }
-
-/// Whether the thread, told to stop at that time, comes to its end without help from its task's destructor.
-bool ends_by_itself(SharedRecord* record, std::chrono::steady_clock::time_point told_at) {
-  auto moved_at = told_at;
-  unsigned waits = record->waits_found;
-  for (;;) {
-    if (record->ended.try_acquire()) return true;
-    const auto now = std::chrono::steady_clock::now();
-    const unsigned waits_now = record->endless_waits.load(std::memory_order_relaxed);
-    if (waits_now != waits || waits_now % 2 == 0) moved_at = now;
-    waits = waits_now;
-    if (now - moved_at >= kStuckAfter || now - told_at >= kStopLimit) return false;
-    if (record->ended.try_acquire_for(kStopSlice)) return true;
-  }
-}
-
-SharedRecord* shared(OSTaskRecord* record) { return static_cast<SharedRecord*>(record); }
 
 /// Threads that are deleting their own task; os_cleanup waits until there are none. Atomic because it waits
 /// on the value itself.
@@ -88,77 +46,20 @@ std::atomic_ref<pthread_key_t> task_key() { return std::atomic_ref(threadTaskKey
 
 void OSTask::Initialise() {
   init_section(&OS_CRITICAL_TASK);
+  // Inside the section: a task made while the kernel was stopped may just be going.
+  const SectionLock lock(&OS_CRITICAL_TASK);
   all_tasks = new OSIndirectList(1);
   task_key().store(make_thread_key());
   OSTaskTag::all_tags = new OSIndirectList(1);
 }
 
-void OSTask::tell_to_stop_locked() {
-  if (!has_thread_ || task_record == nullptr || is_own_thread_locked()) return;
-  SharedRecord* const record = shared(task_record);
-  record->task = nullptr;  // from here on the thread does not delete its task
-  if (record->told) return;
-  record->told = true;
-  record->waits_found = record->endless_waits.load(std::memory_order_relaxed);
-  record->state_found = std::atomic_ref(state).load(std::memory_order_relaxed);
-  set_state(OS_ST_KILL);
-  const HANDLE wake = std::atomic_ref(thread_event).load();
-  if (wake != 0) SetEvent(wake);  // for a Main that waits to be woken
-}
-
-/// Waits for the end of the task's thread before the derived part of the object is destroyed under it. A Main
-/// that ends only on what its own destructor does is left to that destructor, in the state in which it was found.
-void OSTask::wait_until_stopped(std::chrono::steady_clock::time_point told_at) {
-  SectionLock lock(&OS_CRITICAL_TASK);
-  if (!has_thread_ || task_record == nullptr || is_own_thread_locked()) return;
-  SharedRecord* const record = shared(task_record);
-  lock.leave();
-  const bool ended = ends_by_itself(record, told_at);
-  lock.enter();
-  if (ended) {
-    detach_record_locked();
-    join_locked();
-  } else {
-    set_state(record->state_found);
-  }
-}
-
-void OSTask::UnInitialise() {
-  if (all_tasks == nullptr) return;
-  const auto as_task = [](OSListObj* object) {
-    return static_cast<OSTask*>(static_cast<OSLinkListObj*>(object));
-  };
-  // All are told before the first is waited for, so that they stop side by side.
-  const auto told_at = std::chrono::steady_clock::now();
-  {
-    const SectionLock lock(&OS_CRITICAL_TASK);
-    OSListIterator tasks(all_tasks);
-    while (OSListObj* const object = tasks++) as_task(object)->tell_to_stop_locked();
-  }
-  for (;;) {
-    OSTask* task = nullptr;
-    {
-      const SectionLock lock(&OS_CRITICAL_TASK);
-      OSListObj* const first = all_tasks->FirstObject();
-      if (first == nullptr) break;
-      // From here on the task is ours: unregistered and, whatever its thread does, not deleted by it.
-      task = as_task(first);
-      all_tasks->Remove(first);
-      if (task->task_record != nullptr) task->task_record->task = nullptr;
-      task->tell_to_stop_locked();  // one that was made meanwhile
-    }
-    task->wait_until_stopped(told_at);
-    delete task;
-  }
+void wait_for_self_deleting_tasks() {
   for (int busy = self_deleting.load(); busy != 0; busy = self_deleting.load()) self_deleting.wait(busy);
+}
 
-  delete all_tasks;
-  all_tasks = nullptr;
+void delete_task_key() {
   const pthread_key_t key = task_key().exchange(0);
   if (key != 0) pthread_key_delete(key);
-  delete OSTaskTag::all_tags;
-  OSTaskTag::all_tags = nullptr;
-  delete_program_objects();
 }
 
 // ---- The task's thread -------------------------------------------------------------------------------------
@@ -166,7 +67,7 @@ void OSTask::UnInitialise() {
 int OSTask::start_thread(ULONG stack_bytes) {
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
-  if (stack_bytes != 0 && pthread_attr_setstacksize(&attributes, stack_bytes) == 0) {
+  if (pthread_attr_setstacksize(&attributes, stack_bytes) == 0) {  // refuses 0, too
     pthread_attr_setstacksize(&attributes, std::size_t{stack_bytes} + kStackMargin_bytes);
   }
   int error = pthread_create(&thread_id, &attributes, OSThreadFunc, this);
@@ -183,14 +84,17 @@ void* OSThreadFunc(void* arg) {
   if (key != 0) pthread_setspecific(key, task);
 
   // Read now: once Main runs, the object may be deleted by whoever detaches the record.
-  OSTaskRecord* const record = task->start_record_;
-  endless_waits = &shared(record)->endless_waits;
+  SharedRecord* const record = shared(task->start_record_);
+  record->tid.store(gettid(), std::memory_order_relaxed);
+  endless_waits = &record->endless_waits;
   const OSFunction start_func = task->start_func;
 
   // Runs on a forced unwinding (pthread_exit, pthread_cancel) too, which then goes on.
   struct AtExit {
     OSTaskRecord* record;
-    ~AtExit() { OSThreadCleanup(record); }
+    ~AtExit() {
+      if (endless_waits != nullptr) OSThreadCleanup(record);  // unless Main has called it
+    }
   };
   const AtExit at_exit{record};
   try {
@@ -212,14 +116,14 @@ void* OSThreadFunc(void* arg) {
 
 void OSThreadCleanup(void* arg) {
   SharedRecord* const record = shared(static_cast<OSTaskRecord*>(arg));
-  endless_waits = nullptr;  // the record may go before the thread does
+  const bool own_thread = endless_waits == &record->endless_waits;
+  if (own_thread) endless_waits = nullptr;  // the record may go before the thread does
   SectionLock lock(&OS_CRITICAL_TASK);
+  if (!own_thread) ++record->owners;  // the thread, if there is one, keeps its share
   OSTask* const task = record->task;
   if (task != nullptr) {
-    record->task = nullptr;
     task->set_state(OS_ST_KILL);
-    if (task->has_thread_) pthread_detach(task->thread_id);
-    task->has_thread_ = false;
+    task->detach_thread_locked();
     if (OSTask::all_tasks != nullptr) OSTask::all_tasks->Remove(task);
     self_deleting.fetch_add(1);
     // Deleted outside the section: the derived destructor may join other tasks, whose exit needs it.
@@ -227,7 +131,7 @@ void OSThreadCleanup(void* arg) {
     delete task;
     lock.enter();
   }
-  record->ended.release();
+  if (own_thread) record->ended.release();
   record->release_locked();
   if (task != nullptr) {
     self_deleting.fetch_sub(1);
@@ -285,6 +189,7 @@ OSTask::OSTask(UWORD task_priority, ULONG stack_bytes, ADDR task_userdata, ADDR 
   }
   thread_id = 0;
   record->owners = 1;  // no thread shares it
+  record->ended.release();
   const int total = os_task_count;
   lock.leave();
   if (Console == nullptr) return;
@@ -297,22 +202,21 @@ OSTask::~OSTask() {
   brktsk();
   if (all_tasks != nullptr) all_tasks->Remove(this);
   if (is_own_thread_locked()) {
-    // Deleted by its own code: nobody will join the thread.
-    if (has_thread_) pthread_detach(thread_id);
-    has_thread_ = false;
+    detach_thread_locked();  // deleted by its own code: nobody will join
+    shared(start_record_)->object_gone = true;
   } else {
     set_state(OS_ST_KILL);
   }
   detach_record_locked();
   join_locked();
 
-  const HANDLE event = std::atomic_ref(thread_event).load();
-  if (event != 0) CloseHandle(event);
+  CloseHandle(std::atomic_ref(thread_event).load());  // 0 is no event
   // A thread that has ended may have passed its id on to a new one, whose tag is not ours.
   OSTaskTag* const tag = thread_id != 0 ? OSTaskTag::FindTag(thread_id) : nullptr;
   if (tag != nullptr && (tag->task == this || tag->task == nullptr)) delete tag;
   OSTask* self = this;
   std::atomic_ref(OS_TASK).compare_exchange_strong(self, nullptr);
+  shared(start_record_)->release_locked();
   lock.leave();
   // A waker that has just made the task run may still be leaving the mutex.
   const std::lock_guard<std::mutex> wake_lock(wake_mutex_);
@@ -337,8 +241,12 @@ void OSTask::set_state(OSTState new_state) {
 void OSTask::detach_record_locked() {
   if (task_record == nullptr) return;
   task_record->task = nullptr;
-  shared(task_record)->release_locked();
   task_record = nullptr;
+}
+
+void OSTask::detach_thread_locked() {
+  if (has_thread_) pthread_detach(thread_id);
+  has_thread_ = false;
 }
 
 /// Waits for the thread's end with the section left, since the thread's exit needs it.
@@ -368,8 +276,7 @@ void OSTask::_StopThread() {
     join_locked();
     return;
   }
-  if (has_thread_) pthread_detach(thread_id);
-  has_thread_ = false;
+  detach_thread_locked();
 }
 
 void OSTask::_LockDelete() {

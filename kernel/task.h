@@ -4,7 +4,6 @@
 
 #include <pthread.h>
 
-#include <chrono>
 #include <mutex>
 
 #include "kernel.h"
@@ -15,6 +14,7 @@
 class OSTask;
 class OSTrigger;
 class OSTriggerDispatch;
+class TaskStop;
 
 enum OSTState {
   OS_ST_HOLD = 0,  ///< snoozing: waits to be woken
@@ -28,8 +28,15 @@ struct OSTaskRecord {
   OSTask* task;
 };
 
-OSKERNEL_API void* OSThreadFunc(void* task);      ///< the entry of every task's thread
-OSKERNEL_API void OSThreadCleanup(void* record);  ///< what every task's thread does last
+OSKERNEL_API void* OSThreadFunc(void* task);  ///< the entry of every task's thread
+
+/// What every task's thread does last, also when an exception, pthread_exit or pthread_cancel ends it: if the
+/// record still names the task, sets KILL, detaches the thread and deletes the object, without joining. Then
+/// gives up the thread's share of the record.
+///   record    the task's OSTaskRecord
+///   threads   the task's own, which must not use the object afterwards; its end does not repeat the clean-up.
+///             Called by another thread, it deletes the object under a Main that still runs
+OSKERNEL_API void OSThreadCleanup(void* record);
 
 /// One object, one thread. A program derives from it, overrides Main, and ends the constructor of its most
 /// derived class with LeaveCriticalSection(&cs): only then does the thread call Main.
@@ -50,13 +57,16 @@ class OSKERNEL_API OSTask : public OSLinkListObj {
   ///   stack_bytes    stack; 0, or a size that the system refuses, means the system's default. Recorded as
   ///                  at least 800 and a multiple of 4. The thread gets some more, for the C library's own use.
   ///   task_userdata  shares
-  ///   function       an OSFunction that the thread runs instead of Main, without waiting for `cs`; null for Main
+  ///   function       an OSFunction that the thread runs instead of Main, without waiting for `cs`; null for Main.
+  ///                  The thread may delete the object as soon as that function has returned
   /// When no thread can be had, the failure is printed and the object stays registered without one.
   OSTask(UWORD task_priority, ULONG stack_bytes, ADDR task_userdata, ADDR function);
 
   /// Stops and joins the thread unless it is the caller, closes the event, deletes the thread's name tag.
   /// A derived class whose Main uses its members stops the thread in its own destructor (Kill), or is deleted
-  /// after Kill, or by its exiting thread, or by os_cleanup, which stops the thread first.
+  /// after Kill, or by its exiting thread, or by os_cleanup, which stops the thread first. Deleting a derived
+  /// task before its thread has reached Main ends in "No Program Main", since only the base's Main is left by
+  /// then: Kill it first. With `cs` still entered the join would last for ever.
   ~OSTask() override;
 
   /// What the thread runs; must be overridden. The base version is a fatal error.
@@ -64,20 +74,26 @@ class OSKERNEL_API OSTask : public OSLinkListObj {
   virtual void Main();
 
   static void Initialise();  ///< os_startup calls it
-  /// os_cleanup calls it: tells every task that is still registered to stop, waits for its Main, deletes it. A
-  /// Main that has not come out of one wait for ever after 2 s, or not ended after 30 s, is left to the task's
-  /// own destructor.
+  /// os_cleanup calls it: tells every task that is still registered to stop (KILL, and thread_event signalled if
+  /// there is one), waits for its Main, deletes it. Some tasks end only through their own destructor. A task is
+  /// left to it, in the state in which it was found, while its Main sleeps in a wait for ever: at once when no
+  /// thread is left in the process that could end that wait, otherwise when no task has done anything else for
+  /// 2 s; and after 30 s whatever it does.
   static void UnInitialise();
 
   /// Stops the task: KILL, detached from its record, joined. Afterwards the object is the caller's to delete.
+  /// No effect on a task that is stopped already.
   ///   threads   any, inside no section that Main needs to return; from the task's own thread no effect
   void Kill();
   /// Like Kill, but acts on the own thread too, which is then detached instead of joined.
   void _StopThread();
-  /// The exiting thread no longer deletes the object.
+  /// The exiting thread no longer deletes the object, which is the caller's to delete from now on. The task runs
+  /// on, its state unchanged. No effect on a task that is detached already.
+  ///   threads   any
   void _LockDelete();
 
-  /// Declares that the task now waits for a wake.
+  /// Declares that the task now waits for a wake: OK becomes HOLD, other states stay. Does not block.
+  ///   threads   any
   void Snooze();
   /// Ends the snooze, delivers `code` as WakeCode and signals thread_event. Triggers wake with their reason:
   /// 1 fired, 2 polled, 3 queue length, 4 timer.
@@ -88,7 +104,7 @@ class OSKERNEL_API OSTask : public OSLinkListObj {
 
   /// Deliberate: sets a new priority only while the present one lies in 1 to 8, and does not check the new one;
   /// once an out-of-range value has been stored, later calls have no effect. Programs park a task's priority
-  /// this way. Pinned by task_test.cpp.
+  /// this way. Pinned by task_test.cpp, SetPriorityLooksAtTheOldValueOnly.
   void SetPriority(UWORD new_priority);
   UWORD Priority() { return priority; }
   void SetUserdata(ADDR new_userdata) { userdata = new_userdata; }
@@ -96,8 +112,9 @@ class OSKERNEL_API OSTask : public OSLinkListObj {
 
   static OSTask* GetCurrentTask();   ///< the calling thread's task, null when it is none
   static HANDLE GetCurrentHandle();  ///< the low 32 bits of pthread_self()
-  static OSTask* FindTask(
-      pthread_t thread);  ///< null when there is none; the caller knows that it stays alive
+  /// The first registered task with this thread; null when there is none. A task that has been stopped keeps its
+  /// thread's id, which a new thread may have been given. The caller knows that the task stays alive.
+  static OSTask* FindTask(pthread_t thread);
 
   UBYTE* curstk;    ///< reserved, null
   OSTask* pntcb;    ///< reserved, null
@@ -134,10 +151,11 @@ class OSKERNEL_API OSTask : public OSLinkListObj {
   bool is_stopped_locked();
   void set_state(OSTState new_state);
   void detach_record_locked();
+  void detach_thread_locked();
   void join_locked();
   bool claim_wake(UWORD code, HANDLE* event);
-  void tell_to_stop_locked();
-  void wait_until_stopped(std::chrono::steady_clock::time_point told_at);
+  OSTaskRecord* tell_to_stop_locked(TaskStop* stop);
+  static void delete_when_stopped(OSTask* task, OSTaskRecord* waited_on, TaskStop* stop);
 
   /// Orders Snooze, Wake and the writing of KILL; a leaf, held over no call.
   std::mutex wake_mutex_;
@@ -152,12 +170,16 @@ class OSKERNEL_API OSTaskTag : protected OSListObj {
   ~OSTaskTag() override;
 
   /// Names a thread.
-  ///   name    at most 128 characters count
-  ///   thread  0 for the calling thread
+  ///   name      copied; at most 128 characters count
+  ///   thread    0 for the calling thread
+  ///   threads   any, while the kernel runs; no effect after a stop
   static void SetName(const char* name, pthread_t thread);
-  /// The thread's name. A tagged thread without a name gets its id in "%p" form as its name, for good.
-  ///   buf     room for a pointer in "%p" form, used when the thread has no tag; null gives "" then
-  ///   thread  0 for the calling thread
+  /// The thread's name.
+  /// Deliberate: a tagged thread without a name gets its id in "%p" form as its name, for good; programs keep the
+  /// pointer. Pinned by task_tag_test.cpp, AnUnnamedTagTakesTheThreadIdAndKeepsIt.
+  ///   buf       room for a pointer in "%p" form (20 bytes), used when the thread has no tag; null gives "" then
+  ///   thread    0 for the calling thread
+  ///   returns   the tag's own storage, valid until the tag is deleted; or buf; or ""
   static const char* FindName(char* buf, pthread_t thread);
   static OSTaskTag* FindTag(pthread_t thread);  ///< null when there is none
 
@@ -177,18 +199,22 @@ class OSKERNEL_API OSTaskTag : protected OSListObj {
 class OSKERNEL_API OSAxeTask {
  public:
   OSAxeTask();
+  /// Tasks still in the queue stay their owner's. Not while Trigger runs on another thread.
   ~OSAxeTask();
   /// Has the task deleted soon, in the order of the calls.
   ///   task      takes; detached from its record before (_LockDelete, Kill or _StopThread)
   ///   threads   any
   void Axe(OSTask* task);
+  /// The callback of `trig`: deletes every task in the queue, first come first, and arms `trig` again.
+  ///   threads   the dispatcher of `trig`, inside no section that those tasks' Mains need
   static void Trigger(OSObj* axe_task, ADDR addr, ULONG value);
 
   OSQueue* axeq;    ///< owned; protected by a section of its own
   OSTrigger* trig;  ///< owned
 };
 
-/// Marks that a thread runs Main; a call runs OS_TASK's Main and then its Kill.
+/// Marks, as a task's start_func, that its thread runs Main. A call runs OS_TASK's Main on the calling thread and
+/// then OS_TASK's Kill; no thread of a task calls it.
 OSKERNEL_API void os_task_startup();
 /// Prints space and usage of OS_TASK's stack, as its stkbot and stksize have it.
 OSKERNEL_API void OSCheckStack();

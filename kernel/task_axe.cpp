@@ -45,11 +45,11 @@ void program_constructed(const OSProgram* program) {
 }
 
 void delete_program_objects() {
-  if (OS_AXE_TASK != nullptr && OS_AXE_TASK != released_axe_task) {
+  if (OS_AXE_TASK != released_axe_task) {
     released_axe_task = OS_AXE_TASK;
     delete OS_AXE_TASK;
   }
-  if (OS_PROGRAM != nullptr && OS_PROGRAM != released_program) {
+  if (OS_PROGRAM != released_program) {
     released_program = OS_PROGRAM;
     ::operator delete(OS_PROGRAM);
   }

@@ -42,6 +42,7 @@ OSTaskTag* OSTaskTag::FindTag(pthread_t thread) {
 void OSTaskTag::SetName(const char* new_name, pthread_t thread) {
   if (thread == 0) thread = pthread_self();
   const SectionLock lock(&OS_CRITICAL_TASK);
+  if (all_tags == nullptr) return;  // nobody would ever delete the tag
   OSTaskTag* tag = FindTag(thread);
   if (tag == nullptr) {
     tag = new OSTaskTag;

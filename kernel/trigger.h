@@ -50,34 +50,52 @@ class OSKERNEL_API OSTrigger : public OSLinkListObj {
   ~OSTrigger() override;
 
   /// Tests the condition and activates the trigger when it holds.
-  ///   threads   any: the trigger task, a thread that changes a watched queue, the caller of Clear. Runs inside
-  ///             OS_CRITICAL_TRIGGER when a dispatcher or a queue calls it. An override may cancel or delete
-  ///             triggers, this one included, and must not wait.
+  ///   threads   any: the trigger task, a thread that changes a watched queue, the caller of Clear. All of them
+  ///             call it inside OS_CRITICAL_TRIGGER. An override may cancel or delete triggers, this one
+  ///             included, and must not wait.
   virtual void Check() = 0;
 
   BOOL IsActive();  ///< ready or actioned
   OSTrState State();
 
-  void SetTask(OSTask* task);  ///< from now on wakes `task` (shares)
-  /// From now on runs callback(obj, addr, value); null runs nothing.
+  /// From now on wakes `task` (shares), whatever it did before. Null wakes nobody: the trigger stays ready.
+  /// A trigger that is ready already and that its dispatcher could not action as it was is looked at again.
+  void SetTask(OSTask* task);
+  /// From now on runs callback(obj, addr, value), whatever it did before; null runs nothing. A trigger that is
+  /// ready already and that its dispatcher could not action as it was is looked at again: one that becomes
+  /// active while it is constructed may meet its dispatcher before it has its callback.
   void SetCallback(OSCallbackFunction callback, OSObj* obj, ADDR addr, ULONG value);
 
-  void Fire();    ///< `reason` becomes 1; activates the trigger when it is armed, else no effect
+  /// Activates the trigger when it is armed, with reason 1; otherwise its state stays.
+  /// Deliberate: `reason` becomes 1 in any case, so that a task for which a trigger stands ready learns that it
+  /// was fired meanwhile. Pinned by trigger_test.cpp, FireGivesReasonOneEvenWhereItIsIgnored.
+  void Fire();
   void Clear();   ///< arms again and tests the condition at once
   void Cancel();  ///< disarms; leaves every list
 
   /// Carries the action out when the trigger is inactive or ready; dispatchers call it.
-  ///   returns   FALSE when nothing was done: another state, a task that is not snoozing, action NONE. The
-  ///             trigger then stays as it is. After TRUE the trigger may be gone.
+  ///   returns   FALSE when nothing was done: another state, no task, a task that is not snoozing, action NONE.
+  ///             The trigger then stays as it is. After TRUE the trigger may be gone.
   BOOL Action();
 
   // Start, stop and dispatch.
-  static void Initialise();    ///< os_startup calls it
-  static void UnInitialise();  ///< os_cleanup calls it
+  /// Makes section, events, trigger task and timer thread; the last two not when KERNELCFG->trigger_stack is 0.
+  /// Reports nothing: without the timer thread, which the system may refuse, timers expire when something else
+  /// wakes the trigger task.
+  ///   threads   the starting thread; os_startup calls it
+  static void Initialise();
+  /// Ends and joins trigger task and timer thread and closes the events. Triggers keep their states and lists.
+  ///   threads   the stopping thread; os_cleanup calls it
+  static void UnInitialise();
   /// Gives the calling thread a ready list and an event of its own; triggers that it constructs from now on
-  /// are delivered there. The thread waits on TLSGetEvent() and calls TLSPoll() when it is signalled.
+  /// are delivered there. The thread waits on TLSGetEvent() and calls TLSPoll() when it is signalled. Called
+  /// again, it gives the old list up as TLSUninitialise does and makes a new one. Without memory or a
+  /// thread-specific key the thread stays without: TLSGetEvent() is 0, its triggers are delivered globally.
   static void TLSInitialise();
-  /// Takes them away again. Triggers still on the list stay ready and are dispatched by nobody.
+  /// Closes the event and gives the list up.
+  /// Deliberate: triggers on it are not moved; they stay ready and nobody dispatches them until they are
+  /// cancelled. A thread that ends does not want its callbacks run on another. Pinned by
+  /// trigger_own_list_test.cpp, TriggersOnAListThatIsTornDownStayUsable.
   static void TLSUninitialise();
   static HANDLE TLSGetEvent();  ///< the calling thread's event, 0 when it has none
   static void TLSPoll();        ///< runs the calling thread's ready triggers; no effect without a list
@@ -89,8 +107,8 @@ class OSKERNEL_API OSTrigger : public OSLinkListObj {
   /// 2: the constructing thread's ready list when it has one; anything else: the global ready list.
   UBYTE async;
   OSTriggerTLS* tls;  ///< the constructing thread's ready list or null
-  OSTask* task;
-  OSCallbackFunction callback;
+  OSTask* task;       ///< the task to wake; at first the constructing one, null on a thread that is none
+  OSCallbackFunction callback;  ///< null at first; called as callback(obj, addr, value)
   OSObj* obj;
   ADDR addr;
   ULONG value;
@@ -103,7 +121,7 @@ class OSKERNEL_API OSTrigger : public OSLinkListObj {
   virtual void Wait();
   /// Deliberate: on a trigger that is ready already this returns without giving back the level of
   /// OS_CRITICAL_TRIGGER that it took. No path of the kernel calls it so; derived triggers that do are
-  /// balanced against it. Pinned by trigger_test.cpp.
+  /// balanced against it. Pinned by trigger_test.cpp, ReadyOnAReadyTriggerKeepsOneLevelOfTheSection.
   virtual void Ready();
   virtual void Actioned();
 
@@ -125,6 +143,11 @@ class OSKERNEL_API OSTrigger : public OSLinkListObj {
 
 /// Becomes active when `duration` milliseconds have passed. Periodic when cleared: the next period is measured
 /// from the scheduled expiry, so that lateness does not add up.
+///
+/// Deliberate: OS_TIMER_LIST is ordered as timers were armed, each before the first that has more time left than
+/// the new one's whole duration. A timer armed late into its period may so stand behind one that expires later,
+/// and only the list's head is tested: it then expires with that one. Programs count on the order of their
+/// timers. Pinned by trigger_timer_clock_test.cpp, ARearmedTimerIsPlacedByItsWholeDurationNotByWhatIsLeft.
 class OSKERNEL_API OSTimerTrigger : public OSTrigger {
  public:
   /// Wakes the constructing task unless changed.
@@ -170,7 +193,8 @@ class OSKERNEL_API OSTimerTrigger : public OSTrigger {
 /// queue that already meets a mark activates it during construction.
 class OSKERNEL_API OSQTrigger : public OSTimerTrigger {
  public:
-  ///   queue      shares; must outlive the trigger
+  ///   queue      shares; an armed trigger must be cancelled or destroyed before its queue is, and once the
+  ///              queue is gone, the trigger must be neither armed nor checked, only destroyed
   ///   high_mark  active when the queue holds at least so many; 0 for no high mark
   ///   low_mark   active when it holds at most so many; 0 for no low mark
   ///   period     ms until it becomes active anyway; 0 for no timer
@@ -251,6 +275,9 @@ class OSKERNEL_API OSTriggerTask : public OSTask {
 
 /// Sleeps until the earliest timer is due, in slices of at most 30 ms (10 ms while poll triggers exist), and
 /// wakes the trigger task. The body of os_trig_timer_thread.
+/// Deliberate: while no timer is armed it stays asleep, poll triggers or not; those are then asked only when
+/// something else wakes the trigger task. Programs that poll keep a timer. Pinned by trigger_task_clock_test.cpp,
+/// SleepsOnItsEventWhenNoTimerIsPendingEvenWithPollTriggers.
 OSKERNEL_API void* OSTriggerTimerThread(void*);
 
 /// One dispatch pass: tests the timers that are due and every poll trigger, and runs what is ready on

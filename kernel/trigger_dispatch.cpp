@@ -1,13 +1,13 @@
 /// What makes triggers happen: dispatch passes, the trigger task, the timer thread and threads' own lists.
 #include <dlfcn.h>
 #include <pthread.h>
+#include <semaphore.h>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
+#include <cerrno>
 #include <mutex>
 #include <new>
-#include <semaphore>
 
 #include "kernel/buffer_callback.h"
 #include "kernel/kernel.h"
@@ -37,7 +37,25 @@ constexpr ULONG kSlowAction_ms = 500;
 bool timer_thread_exists = false;
 
 /// Ends the timer thread's sleep when it is to stop, so that a stop does not wait for the slice to pass.
-std::binary_semaphore timer_thread_stop{0};
+class StopSignal {
+ public:
+  StopSignal() { sem_init(&sem_, 0, 0); }
+  void give() { sem_post(&sem_); }
+  void take_back() { sem_trywait(&sem_); }
+  /// Sleeps; true when the signal has been given.
+  bool comes_within(int ms);
+
+ private:
+  sem_t sem_;  // not destroyed at the end of the process, when the thread may still sleep on it
+} timer_thread_stop;
+
+bool StopSignal::comes_within(int ms) {
+  const timespec until = monotonic_deadline(static_cast<ULONG>(ms));
+  while (sem_clockwait(&sem_, CLOCK_MONOTONIC, &until) != 0) {
+    if (errno != EINTR) return false;
+  }
+  return true;
+}
 
 // The events are replaced by start and stop while other threads may still signal; a stale handle is harmless,
 // since numbers are not used again.
@@ -85,19 +103,10 @@ OSTriggerDispatch::Watch::Watch(OSTrigger* trigger) : trigger_(trigger), outer_(
 
 OSTriggerDispatch::Watch::~Watch() { watches_ = outer_; }
 
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic push
-// A walk lives on its dispatcher's stack and takes itself off the list in its destructor, which the compiler
-// overlooks.
-#pragma GCC diagnostic ignored "-Wdangling-pointer"
-#endif
 OSTriggerDispatch::Walk::Walk(OSLinkList* list) : list_(list), at_(list), older_(walks_), newer_(nullptr) {
   if (older_ != nullptr) older_->newer_ = this;
   walks_ = this;
 }
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic pop
-#endif
 
 OSTriggerDispatch::Walk::~Walk() {
   (newer_ != nullptr ? newer_->older_ : walks_) = older_;
@@ -281,8 +290,7 @@ void* OSTriggerTimerThread(void* /*unused*/) {
       delay_ms = OSTriggerDispatch::next_delay_ms_locked();
     }
     if (delay_ms == 0) continue;
-    const std::chrono::milliseconds slice(std::min(delay_ms, kTimerSlice_ms));
-    if (timer_thread_stop.try_acquire_for(slice)) break;
+    if (timer_thread_stop.comes_within(std::min(delay_ms, kTimerSlice_ms))) break;
     SetEvent(load(os_trig_event));
   }
   return nullptr;
@@ -295,11 +303,8 @@ void OSTrigger::Initialise() {
   tell(os_trig_timer_done, false);
   if (KERNELCFG->trigger_stack == 0) return;
   OS_TRIG_TASK = new (std::nothrow) OSTriggerTask;
-  const int error = pthread_create(&os_trig_timer_thread, &std_thread_attr, OSTriggerTimerThread, nullptr);
-  timer_thread_exists = error == 0;
-  if (!timer_thread_exists && Console != nullptr) {
-    Console->Print("OSTrigger::Initialise Timer Thread Create Failed %d", error);
-  }
+  timer_thread_exists =
+      pthread_create(&os_trig_timer_thread, &std_thread_attr, OSTriggerTimerThread, nullptr) == 0;
 }
 
 void OSTrigger::UnInitialise() {
@@ -311,9 +316,9 @@ void OSTrigger::UnInitialise() {
   tell(os_trig_timer_done, true);
   SetEvent(load(os_trig_timer_event));
   if (timer_thread_exists) {
-    timer_thread_stop.release();
+    timer_thread_stop.give();
     pthread_join(os_trig_timer_thread, nullptr);
-    timer_thread_stop.try_acquire();  // not taken by a thread that was not asleep
+    timer_thread_stop.take_back();  // not taken by a thread that was not asleep
   }
   timer_thread_exists = false;
   CloseHandle(load(os_trig_timer_event));
@@ -367,7 +372,8 @@ void OSTrigger::TLSInitialise() {
     if (OSTriggerTLS::tls_key == 0) return;  // no key to be had: the thread's triggers go to the global list
   }
   TLSUninitialise();  // a thread that calls this again starts with an empty list
-  new OSTriggerTLS;   // owned by the thread, found through its key
+  // Owned by the thread, found through its key. Without memory the thread has no list.
+  static_cast<void>(new (std::nothrow) OSTriggerTLS);
 }
 
 void OSTrigger::TLSUninitialise() {

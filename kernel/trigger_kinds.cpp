@@ -35,7 +35,7 @@ void OSTimerTrigger::Check() {
   reason = kReasonTimer;
   // Deliberate: the next period begins at the scheduled expiry even when the trigger is not armed and
   // Activate refuses; periodic users count on ticks that do not drift. Pinned by
-  // trigger_kinds_clock_test.cpp.
+  // trigger_timer_clock_test.cpp, AnExpiredTimerThatIsNotArmedStillMovesItsPeriodOn.
   start_time += duration;
   Activate();
 }

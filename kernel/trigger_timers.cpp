@@ -4,8 +4,8 @@
 /// and has more time left than the new timer's whole duration. A timer that is armed late into its period is
 /// therefore listed as if the period began now, and the list as a whole is not sorted by expiry. A search tree
 /// over expiry cannot give that place; a tree over the list's positions, in which every node knows the latest
-/// expiry on either side below it, finds "the first with more time left" in logarithmic time. It is a treap: random priorities
-/// keep it balanced whatever order timers come in.
+/// expiry on either side below it, finds "the first with more time left" in logarithmic time. It is a treap:
+/// random priorities keep it balanced whatever order timers come in.
 #include <algorithm>
 #include <utility>
 

@@ -14,6 +14,7 @@
 #include "kernel/trigger.h"
 #include "support/kernel_fixture.h"
 #include "support/ring_check.h"
+#include "support/task_watch.h"
 #include "trigger_probes.h"
 
 using namespace oskernel_test;
@@ -99,16 +100,6 @@ class Departing : public OSTask {
 
 class AxeTask : public KernelTest {
  protected:
-  /// Returns when the trigger task has ended every callback that had begun before.
-  static void let_callbacks_end() {
-    Gate passed;
-    Script callback = [&passed] { passed.open(); };
-    HandTrigger marker;
-    set_script(marker, callback);
-    marker.ArmAndFire();
-    EXPECT_TRUE(passed.wait());
-  }
-
   void TearDown() override {
     KernelTest::TearDown();
     EXPECT_EQ(console.fatals(), std::vector<std::string>{});
@@ -179,6 +170,26 @@ TEST_F(AxeTask, TheTriggerTaskDoesTheDeleting) {
     let_callbacks_end();
     EXPECT_EQ(axe.trig->State(), OS_T_WAIT);
   }
+}
+
+TEST_F(AxeTask, AThreadWithAListOfItsOwnDeletesForTheAxeThatItMade) {
+  Start();
+  Record record;
+  on_thread([&record] {
+    const OwnDispatch list;
+    OSAxeTask axe;
+    for (int i = 0; i < 3; ++i) {
+      auto* task = new Condemned(record, i);
+      task->end();
+      axe.Axe(task);
+    }
+    on_thread(let_callbacks_end);  // those of the trigger task
+    EXPECT_EQ(record.size(), 0);
+    OSTrigger::TLSPoll();
+    EXPECT_EQ(record.numbers(), (std::vector<int>{0, 1, 2}));
+    EXPECT_EQ(axe.trig->State(), OS_T_WAIT);
+  });
+  for (OSTask* deleter : record.deleters()) EXPECT_EQ(deleter, nullptr) << "a thread that is no task";
 }
 
 TEST_F(AxeTask, ATaskThatWasKilledIsOnlyDeleted) {

@@ -1,7 +1,10 @@
 // The interface of stacked layers: what a layer does that overrides nothing, how layers find and lose each
 // other, and the null layer that takes the place of a missing partner.
 
+#include <unistd.h>
 #include <algorithm>
+
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -22,6 +25,19 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+
+/// Static layers, one made before any other object of the program and destroyed after it, one the other way round.
+/// Each needs the null layer all its life.
+class StaticLayer : public OSIO {
+ public:
+  ~StaticLayer() override {
+    if (partner != &OSNullIO || OSNullIO.ConnectIndication(nullptr) != NotSupported) _exit(99);
+    if (OSNullIO.Partner() != &OSNullIO) _exit(98);
+  }
+  const bool unbound_at_first = partner == &OSNullIO && OSNullIO.Partner() == &OSNullIO && IsBound() == FALSE;
+};
+StaticLayer early_layer __attribute__((init_priority(101)));
+StaticLayer late_layer;
 
 class Layer : public KernelTest {
  protected:
@@ -146,6 +162,16 @@ TEST_F(Layer, ALayerThatOverridesNothingDeclinesEverything) {
   EXPECT_THAT(console.fatals(), IsEmpty());
 }
 
+TEST_F(Layer, NoBufferIsNoTrouble) {
+  OSIO layer;
+  EXPECT_EQ(layer.DataIndication(nullptr), NotSupported);
+  EXPECT_EQ(layer.DataExpeditedIndication(nullptr), NotSupported);
+  EXPECT_EQ(layer.DatagramIndication(nullptr, nullptr, nullptr), NotSupported);
+  EXPECT_EQ(layer.RecoverBuffer(nullptr), NotSupported);
+  EXPECT_THAT(console.calls(), IsEmpty());
+  EXPECT_THAT(console.fatals(), IsEmpty());
+}
+
 TEST_F(Layer, TheNullLayerDeclinesEverythingAndFreesWhatItGets) {
   EXPECT_EQ(OSNullIO.DataIndication(OSBuf::Alloc("lost")), NotSupported);
   EXPECT_EQ(OSNullIO.DataExpeditedIndication(OSBuf::Alloc("lost")), NotSupported);
@@ -174,6 +200,22 @@ TEST_F(Layer, OverridesAreReachedThroughTheInterface) {
   EXPECT_EQ(layer->DataIndication(OSBuf::Alloc("x")), Success);
   layer->UnBind();
   EXPECT_THAT(calls, ElementsAre("Data x", "UnBind", "Detach"));
+}
+
+TEST_F(Layer, TheNullLayerIsThereForStaticLayersFromFirstToLast) {
+  EXPECT_TRUE(early_layer.unbound_at_first);
+  EXPECT_TRUE(late_layer.unbound_at_first);
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(std::exit(3), testing::ExitedWithCode(3), "");
+  EXPECT_EXIT(
+      {
+        static OSIO latest;
+        latest.Bind(&early_layer);
+        early_layer.UnBind();
+        late_layer.Bind(&latest);  // which goes first and lets it go
+        std::exit(3);
+      },
+      testing::ExitedWithCode(3), "");
 }
 
 // -------------------------------------------------------------------------------------------------- binding
@@ -257,6 +299,27 @@ TEST_F(Layer, NoOperationLeavesALayerWithoutAPartner) {
   OSIO layer;
   layer.Attach(nullptr);
   EXPECT_EQ(layer.Partner(), &OSNullIO);
+}
+
+TEST_F(Layer, BindToNobodyIsUnBind) {
+  for (OSIO* const nobody : {static_cast<OSIO*>(nullptr), &OSNullIO}) {
+    std::vector<std::string> calls;
+    Talker layer(&calls, "layer."), partner(&calls, "partner.");
+    layer.Bind(&partner);
+    calls.clear();
+    layer.Bind(nobody);
+    EXPECT_EQ(layer.Partner(), &OSNullIO);
+    EXPECT_EQ(partner.Partner(), &OSNullIO) << "both sides are let go";
+    EXPECT_THAT(calls, ElementsAre("layer.Bind", "layer.UnBind", "partner.Detach", "layer.Detach"));
+    EXPECT_EQ(OSNullIO.partner, &OSNullIO) << "the null layer points at nobody who may go";
+    layer.Bind(nobody);
+    EXPECT_EQ(layer.Partner(), &OSNullIO);
+  }
+}
+
+TEST_F(Layer, ALayerWithoutAPartnerAtAllCanBeDestroyed) {
+  OSIO layer;
+  layer.partner = nullptr;
 }
 
 TEST_F(Layer, ALayerBoundToItselfLetsGo) {

@@ -123,7 +123,8 @@ TEST_F(TaskTag, ANameIsStoredUpToItsLength) {
     if (stored < 128) {
       EXPECT_EQ(tag->name[stored], '\0');
     } else {
-      // 128 characters fill the name; whoever reads it as a string still finds its end.
+      // 128 characters fill the name; whoever reads it as a string still finds
+      // its end.
       EXPECT_EQ(tag->name[127], name[127]);
     }
     if (length == 0) continue;
@@ -216,6 +217,27 @@ TEST_F(TaskTag, ATagGoesWithItsTask) {
   }
 }
 
+TEST_F(TaskTag, ATagWithoutATaskGoesWithTheTaskOfItsThread) {
+  auto* task = new IdleTask;
+  (new OSTaskTag)->thread_id = task->thread_id;
+  task->Kill();
+  EXPECT_EQ(tags(), 1);
+  delete task;
+  EXPECT_EQ(tags(), 0);
+}
+
+TEST_F(TaskTag, ATagOfATaskThatHasTheSameThreadIdByNowStays) {
+  // A thread that has been joined may have passed its id on.
+  Owned<> later;
+  auto* task = new IdleTask;
+  OSTaskTag tag;
+  tag.thread_id = task->thread_id;
+  tag.task = later.get();
+  task->Kill();
+  delete task;
+  EXPECT_EQ(tags(), 1);
+}
+
 TEST_F(TaskTag, StopDeletesAllTags) {
   OSTaskTag::SetName("main", 0);
   new FunctionTask([](FunctionTask& self) {
@@ -228,6 +250,17 @@ TEST_F(TaskTag, StopDeletesAllTags) {
   StartQuiet();
   EXPECT_EQ(tags(), 0);
   EXPECT_STREQ(OSTaskTag::FindName(nullptr, 0), "");
+}
+
+TEST_F(TaskTag, AfterAStopThereAreNoTags) {
+  Stop();
+  OSTaskTag::SetName("too late", 0);
+  EXPECT_EQ(OSTaskTag::FindTag(pthread_self()), nullptr);
+  EXPECT_STREQ(OSTaskTag::FindName(nullptr, 0), "");
+  char buffer[64] = "untouched";
+  EXPECT_EQ(std::string(OSTaskTag::FindName(buffer, 0)), pointer_form(pthread_self()));
+  { const OSTaskTag unlisted; }
+  EXPECT_EQ(console.fatals(), std::vector<std::string>{});
 }
 
 TEST_F(TaskTag, ManyThreadsNameThemselvesAtOnce) {

@@ -10,9 +10,15 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <iterator>
+#include <mutex>
+#include <random>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -26,9 +32,16 @@
 namespace oskernel_test {
 
 inline constexpr int kPatienceMs = 30000;  ///< the longest any test waits for something that must happen
+inline constexpr int kHungMs = 90000;  ///< a thread that is not where it should be by then never gets there
 inline constexpr unsigned int kForEver = 0xFFFFFFFF;
 
 // ---- Threads meet ------------------------------------------------------------------------------------------
+
+/// Ends the program: a thread that hangs would hang the whole run without a word.
+[[noreturn]] inline void give_up(const char* what) {
+  std::fprintf(stderr, "%s\n", what);
+  std::abort();
+}
 
 /// A counting gate. Its waits follow the real clock, so they end while a test holds the kernel's tick still.
 class Gate {
@@ -71,20 +84,104 @@ class Rendezvous {
     const int round = round_.load();
     if (arrived_.fetch_add(1) + 1 == parties_) {
       arrived_.store(0);
-      round_.fetch_add(1);
+      {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        round_.fetch_add(1);
+      }
+      all_here_.notify_all();
       return;
     }
-    while (round_.load() == round) std::this_thread::yield();
+    // Spinning lets all leave closest together; where processors are scarce the others need this one's.
+    for (int spin = 0; spin < kSpins; ++spin) {
+      if (round_.load() != round) return;
+    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    const auto all_here = [this, round] { return round_.load() != round; };
+    if (!all_here_.wait_for(lock, std::chrono::milliseconds(kHungMs), all_here)) {
+      give_up("not all threads come to their rendezvous");
+    }
   }
 
  private:
+  static constexpr int kSpins = 2000;
+
   const int parties_;
   std::atomic<int> arrived_{0};
   std::atomic<int> round_{0};
+  std::mutex mutex_;
+  std::condition_variable all_here_;
 };
 
+/// How often a test tries to bring about a rare moment: so many times, fewer on a machine that is busy otherwise.
+///   for (Rounds rounds(1000); rounds.next();) ...
+class Rounds {
+ public:
+  explicit Rounds(int most) : most_(most) {}
+  bool next() { return done_++ < most_ && std::chrono::steady_clock::now() < end_at_; }
+
+ private:
+  static constexpr std::chrono::seconds kBudget{4};
+
+  const int most_;
+  int done_ = 0;
+  const std::chrono::steady_clock::time_point end_at_ = std::chrono::steady_clock::now() + kBudget;
+};
+
+/// Has `threads` threads, the calling one among them, call `act` at about the same moment, at most `most` times.
+/// Around each round the calling thread alone calls `before` and, when all have acted, `after`.
+inline void all_at_once(int threads, int most, const std::function<void()>& before,
+                        const std::function<void()>& act, const std::function<void()>& after) {
+  Rendezvous start(threads);
+  Rendezvous done(threads);
+  std::atomic<bool> enough{false};
+  std::vector<std::thread> others;
+  for (int i = 1; i < threads; ++i) {
+    others.emplace_back([&] {
+      for (;;) {
+        start.meet();
+        if (enough) return;
+        act();
+        done.meet();
+      }
+    });
+  }
+  for (Rounds rounds(most); rounds.next();) {
+    before();
+    start.meet();
+    act();
+    done.meet();
+    after();
+  }
+  enough = true;
+  start.meet();
+  for (std::thread& other : others) other.join();
+}
+
+/// Has several threads take so many steps each, all at the same time, each thread with random numbers of its own.
+inline void steps_on_threads(int threads, int steps, unsigned seed,
+                             const std::function<void(std::mt19937&)>& step) {
+  Rendezvous start(threads);
+  std::vector<std::thread> walkers;
+  for (int n = 0; n < threads; ++n) {
+    walkers.emplace_back([&, n] {
+      std::mt19937 random(seed + static_cast<unsigned>(n));
+      start.meet();
+      for (int i = 0; i < steps; ++i) step(random);
+    });
+  }
+  for (std::thread& walker : walkers) walker.join();
+}
+
 /// Runs `work` on a thread of its own and waits for it.
-inline void on_thread(const std::function<void()>& work) { std::thread(work).join(); }
+inline void on_thread(const std::function<void()>& work) {
+  Gate ended;
+  std::thread thread([&work, &ended] {
+    work();
+    ended.open();
+  });
+  if (!ended.wait(kHungMs)) give_up("a test's thread does not end");
+  thread.join();
+}
 
 /// The threads of this process. One that has been joined may be counted for a moment longer.
 inline int thread_count() {
@@ -96,8 +193,13 @@ inline int thread_count() {
 /// first time from a namespace-scope initialiser.
 inline int idle_thread_count() {
   static const int count = [] {
-    on_thread([] {});  // a sanitizer starts its own thread with the first of the program
-    wait_until([] { return thread_count() == 1; }, 200);
+#if defined(__SANITIZE_THREAD__)
+    constexpr int kAtRest = 2;  // the sanitizer starts its own thread with the first of the program
+#else
+    constexpr int kAtRest = 1;
+#endif
+    on_thread([] {});
+    wait_until([] { return thread_count() == kAtRest; }, kPatienceMs);
     return thread_count();
   }();
   return count;
@@ -159,6 +261,12 @@ inline bool is_on(const OSLinkList& list, const OSTrigger* trigger) {
 
 using Triggers = std::vector<OSTrigger*>;
 
+/// Something to queue. Its owner keeps it, so flushing a queue only lets it go.
+class Item : public OSLinkListObj {
+ public:
+  void Free() override {}
+};
+
 // ---- Callbacks ---------------------------------------------------------------------------------------------
 
 inline OSObj* as_obj(void* pointer) { return static_cast<OSObj*>(pointer); }
@@ -181,6 +289,10 @@ inline void set_script(OSTrigger& trigger, Script& script) {
 }
 
 using PollScript = std::function<BOOL(OSTrigger*)>;
+
+/// Poll functions with one answer.
+inline BOOL never(OSTrigger*, OSObj*, ADDR, ULONG) { return FALSE; }
+inline BOOL always(OSTrigger*, OSObj*, ADDR, ULONG) { return TRUE; }
 
 /// Poll function: runs the PollScript that obj points to.
 inline BOOL run_poll_script(OSTrigger* trigger, OSObj* obj, ADDR, ULONG) {
@@ -218,6 +330,30 @@ class HandTrigger : public OSTrigger {
   bool condition = false;  ///< what Check tests
 };
 
+/// A trigger whose callback stops inside until it is let go on.
+struct StoppingTrigger {
+  Gate begun;
+  Gate go_on;
+  Script callback = [this] {
+    begun.open();
+    EXPECT_TRUE(go_on.wait());
+  };
+  HandTrigger trigger;
+  std::thread dispatcher;
+
+  StoppingTrigger() { set_script(trigger, callback); }
+  /// Has another thread dispatch the trigger, and returns when that is inside the callback.
+  void stop_inside(const std::function<void()>& dispatch) {
+    dispatcher = std::thread(dispatch);
+    EXPECT_TRUE(begun.wait());
+  }
+  /// Lets the callback end, and waits for what its dispatcher does after it.
+  void let_go() {
+    go_on.open();
+    dispatcher.join();
+  }
+};
+
 /// A kind of the library whose protected operations a test may call.
 template <class Kind>
 class Exposed : public Kind {
@@ -228,7 +364,21 @@ class Exposed : public Kind {
   using Kind::Actioned;
   using Kind::Inactive;
   using Kind::Ready;
+  using Kind::ReadyRemove;
   using Kind::Wait;
+};
+
+/// A timer that counts its checks. With `deaf` set it never notices that it has expired.
+class CheckedTimer : public OSTimerTrigger {
+ public:
+  explicit CheckedTimer(ULONG duration_ms) : OSTimerTrigger(duration_ms, 1) {}
+  ~CheckedTimer() override { OSTimerTrigger::Inactive(); }
+  void Check() override {
+    ++checks;
+    if (!deaf) OSTimerTrigger::Check();
+  }
+  std::atomic<int> checks{0};
+  bool deaf = false;
 };
 
 /// Gives the calling thread a ready list of its own for as long as this object lives.

@@ -1,19 +1,16 @@
-// The trigger's states and actions, and how a ready trigger is listed and announced. No clock, no trigger task:
-// every dispatch is made by the test.
+// The trigger's fields, its states and what each event does to them. No clock, no trigger task: every dispatch is
+// made by the test.
 
 #include "kernel/trigger.h"
 
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <random>
 #include <string>
 #include <type_traits>
 #include <vector>
 
-#include "support/kernel_fixture.h"
-#include "support/ring_check.h"
-#include "support/seed.h"
+#include "support/trigger_fixtures.h"
 #include "support/vtable_slot.h"
 #include "trigger_probes.h"
 
@@ -27,6 +24,11 @@ static_assert(std::is_abstract_v<OSTrigger>, "there is no trigger without a kind
 static_assert(std::is_base_of_v<OSLinkListObj, OSTrigger>);
 static_assert(std::is_same_v<decltype(OSTrigger::reason), UBYTE>);
 static_assert(std::is_same_v<decltype(OSTrigger::async), UBYTE>);
+static_assert(std::is_same_v<decltype(OSTrigger::tls), OSTriggerTLS*>);
+static_assert(std::is_same_v<decltype(OSTrigger::task), OSTask*>);
+static_assert(std::is_same_v<decltype(OSTrigger::callback), OSCallbackFunction>);
+static_assert(std::is_same_v<decltype(OSTrigger::obj), OSObj*>);
+static_assert(std::is_same_v<decltype(OSTrigger::addr), ADDR>);
 static_assert(std::is_same_v<decltype(OSTrigger::value), ULONG>);
 static_assert(std::is_same_v<decltype(OSTrigger::fired), int>);
 
@@ -37,13 +39,8 @@ std::string name_of(OSTrState state) {
   return names[state];
 }
 
-class TriggerCore : public KernelTest {
+class TriggerCore : public QuietTriggerTest {
  protected:
-  void SetUp() override {
-    KernelTest::SetUp();
-    StartQuiet();
-  }
-
   /// Brings a trigger that nobody else knows into `state`, with the counts and events as if nothing had been.
   static void put(HandTrigger& trigger, OSTrState state) {
     trigger.Inactive();
@@ -304,8 +301,32 @@ const std::vector<Event>& events() {
          return t.Action();
        },
        {refuses(OS_T_INACTIVE), refuses(OS_T_WAIT), refuses(OS_T_READY), refuses(OS_T_ACTIONED)}},
+      {"Action, no task",
+       [](HandTrigger& t, OSTask&) {
+         t.SetTask(nullptr);
+         return t.Action();
+       },
+       {refuses(OS_T_INACTIVE), refuses(OS_T_WAIT), refuses(OS_T_READY), refuses(OS_T_ACTIONED)}},
+      {"Action, no action of this library",
+       [](HandTrigger& t, OSTask&) {
+         t.action = static_cast<OSTrAction>(3);
+         return t.Action();
+       },
+       {refuses(OS_T_INACTIVE), refuses(OS_T_WAIT), refuses(OS_T_READY), refuses(OS_T_ACTIONED)}},
       {"SetTask",
        [](HandTrigger& t, OSTask& task) { return no_result([&] { t.SetTask(&task); }); },
+       {kInactive, kWaits, kStaysReady, kActionedAsWas}},
+      {"SetCallback",
+       [](HandTrigger& t, OSTask&) {
+         return no_result([&] { t.SetCallback(count_call, t.obj, nullptr, 0); });
+       },
+       {kInactive, kWaits, kStaysReady, kActionedAsWas}},
+      {"ReadyRemove",
+       [](HandTrigger& t, OSTask&) {
+         return no_result([&] {
+           if (t.State() != OS_T_READY) t.ReadyRemove();
+         });
+       },
        {kInactive, kWaits, kStaysReady, kActionedAsWas}},
   };
   return table;
@@ -349,6 +370,28 @@ TEST_F(TriggerCore, DestroyingATriggerInAnyStateLeavesNoTrace) {
     EXPECT_EQ(triggers_on(OS_READY_LIST), Triggers{&neighbour});
   }
   EXPECT_EQ(OS_READY_LIST.Size(), 0);
+}
+
+/// A kind that leaves the end of its life to the base.
+class PlainTrigger : public OSTrigger {
+ public:
+  PlainTrigger() : OSTrigger(OS_TA_NONE) {}
+  void Check() override {}
+  void ArmAndFire() {
+    Wait();
+    Fire();
+  }
+};
+
+TEST_F(TriggerCore, TheBaseTakesAReadyTriggerOffItsListWhenItsKindDoesNot) {
+  HandTrigger neighbour(OS_TA_NONE);
+  neighbour.ArmAndFire();
+  {
+    PlainTrigger trigger;
+    trigger.ArmAndFire();
+    EXPECT_EQ(triggers_on(OS_READY_LIST), (Triggers{&neighbour, &trigger}));
+  }
+  EXPECT_EQ(triggers_on(OS_READY_LIST), Triggers{&neighbour});
 }
 
 // ---- Fire and Activate ---------------------------------------------------------------------------------------
@@ -530,136 +573,6 @@ TEST_F(TriggerCore, ASynchronousCallbackIsNeverRunInsideFire) {
   EXPECT_EQ(trigger.State(), OS_T_ACTIONED);
 }
 
-// ---- Where a ready trigger goes --------------------------------------------------------------------------------
-
-enum class Place { kGlobal, kOwn, kStraightToActioned };
-
-TEST_F(TriggerCore, AsyncDecidesTheListAndTheEvent) {
-  struct Row {
-    UBYTE async;
-    bool own_list;
-    OSTrAction action;
-    bool snoozing;
-    Place place;
-  };
-  std::vector<Row> rows;
-  for (const bool own : {false, true}) {
-    for (const OSTrAction action : {OS_TA_NONE, OS_TA_WAKE, OS_TA_FUNC}) {
-      for (const bool snoozing : {false, true}) {
-        const bool at_once = action == OS_TA_WAKE && snoozing;
-        rows.push_back({0, own, action, snoozing, at_once ? Place::kStraightToActioned : Place::kGlobal});
-        rows.push_back({1, own, action, snoozing, Place::kGlobal});
-        rows.push_back({2, own, action, snoozing, own ? Place::kOwn : Place::kGlobal});
-        rows.push_back({3, own, action, snoozing, Place::kGlobal});
-        rows.push_back({255, own, action, snoozing, Place::kGlobal});
-      }
-    }
-  }
-
-  for (const Row& row : rows) {
-    SCOPED_TRACE("async " + std::to_string(row.async) + " own list " + std::to_string(row.own_list) +
-                 " action " + std::to_string(row.action) + " snoozing " + std::to_string(row.snoozing));
-    on_thread([&row] {
-      Owned<> task;
-      std::unique_ptr<OwnDispatch> own(row.own_list ? new OwnDispatch : nullptr);
-      const HANDLE own_event = OSTrigger::TLSGetEvent();
-      std::atomic<int> calls{0};
-      HandTrigger trigger(row.action);
-      trigger.async = row.async;
-      if (row.action == OS_TA_WAKE) trigger.SetTask(task.get());
-      if (row.action == OS_TA_FUNC) trigger.SetCallback(count_call, as_obj(&calls), nullptr, 0);
-      if (row.snoozing) task->Snooze();
-      trigger.Arm();
-      // Fired by another thread than the one whose list it may go to.
-      on_thread([&trigger] { trigger.Fire(); });
-
-      EXPECT_EQ(calls, 0);
-      EXPECT_EQ(trigger.fired, 1);
-      EXPECT_EQ(trigger.State(), row.place == Place::kStraightToActioned ? OS_T_ACTIONED : OS_T_READY);
-      EXPECT_EQ(OS_READY_LIST.Size(), row.place == Place::kGlobal ? 1 : 0);
-      EXPECT_EQ(is_on(OS_READY_LIST, &trigger), row.place == Place::kGlobal);
-      EXPECT_EQ(drain(os_trig_event), row.place == Place::kGlobal ? 1 : 0);
-      if (row.own_list) {
-        EXPECT_EQ(triggers_on(OwnDispatch::tls().OS_READY_LIST),
-                  row.place == Place::kOwn ? Triggers{&trigger} : Triggers{});
-        EXPECT_EQ(drain(own_event), row.place == Place::kOwn ? 1 : 0);
-      }
-      trigger.Cancel();
-      EXPECT_EQ(OS_READY_LIST.Size(), 0);
-      if (row.own_list) {
-        EXPECT_EQ(OwnDispatch::tls().OS_READY_LIST.Size(), 0);
-      }
-    });
-  }
-}
-
-TEST_F(TriggerCore, AReadyTriggerLeavesTheListItWasPutOnWhateverAsyncSaysNow) {
-  on_thread([] {
-    OwnDispatch own;
-    OSLinkList& own_list = OwnDispatch::tls().OS_READY_LIST;
-    constexpr UBYTE kAsync[] = {0, 1, 2, 3};
-    for (const UBYTE before : kAsync) {
-      for (const UBYTE after : kAsync) {
-        for (const char* how : {"Cancel", "Clear", "Actioned", "destroy"}) {
-          SCOPED_TRACE(std::to_string(before) + " -> " + std::to_string(after) + ", " + how);
-          HandTrigger global_neighbour;
-          global_neighbour.async = 1;
-          global_neighbour.ArmAndFire();
-          HandTrigger own_neighbour;
-          own_neighbour.ArmAndFire();
-          auto trigger = std::make_unique<HandTrigger>(OS_TA_NONE);
-          trigger->async = before;
-          trigger->ArmAndFire();
-          trigger->async = after;
-          const std::string operation = how;
-          if (operation == "Cancel") trigger->Cancel();
-          if (operation == "Clear") trigger->Clear();
-          if (operation == "Actioned") trigger->Actioned();
-          if (operation == "destroy") trigger.reset();
-          EXPECT_EQ(triggers_on(OS_READY_LIST), Triggers{&global_neighbour});
-          EXPECT_EQ(triggers_on(own_list), Triggers{&own_neighbour});
-        }
-      }
-    }
-  });
-  EXPECT_EQ(OS_READY_LIST.Size(), 0);
-}
-
-TEST_F(TriggerCore, ATriggerPutOnTheGlobalListIsDispatchedThereAfterAsyncChanged) {
-  on_thread([] {
-    OwnDispatch own;
-    std::atomic<int> calls{0};
-    HandTrigger trigger;
-    trigger.SetCallback(count_call, as_obj(&calls), nullptr, 0);
-    trigger.async = 1;
-    trigger.ArmAndFire();
-    trigger.async = 2;
-    OSTrigger::TLSPoll();
-    EXPECT_EQ(calls, 0);
-    os_check_triggers();
-    EXPECT_EQ(calls, 1);
-    trigger.ArmAndFire();
-    trigger.async = 1;
-    os_check_triggers();
-    EXPECT_EQ(calls, 1);
-    OSTrigger::TLSPoll();
-    EXPECT_EQ(calls, 2);
-    EXPECT_EQ(OS_READY_LIST.Size(), 0);
-    EXPECT_EQ(OwnDispatch::tls().OS_READY_LIST.Size(), 0);
-  });
-}
-
-TEST_F(TriggerCore, ReadyAppendAndReadyRemoveMoveOnlyTheListEntry) {
-  HandTrigger trigger;
-  trigger.ReadyAppend();
-  EXPECT_EQ(trigger.State(), OS_T_INACTIVE);
-  EXPECT_EQ(triggers_on(OS_READY_LIST), Triggers{&trigger});
-  EXPECT_EQ(drain(os_trig_event), 1);
-  trigger.ReadyRemove();
-  EXPECT_EQ(OS_READY_LIST.Size(), 0);
-  EXPECT_EQ(drain(os_trig_event), 0);
-}
-
 TEST_F(TriggerCore, ReadyOnAReadyTriggerKeepsOneLevelOfTheSection) {
   // Kept as it has always been: programs never call Ready on a ready trigger, and one that did would find the
   // section still entered. Nothing else may change.
@@ -688,239 +601,6 @@ TEST_F(TriggerCore, ReadyOnAReadyTriggerKeepsOneLevelOfTheSection) {
   LeaveCriticalSection(&OS_CRITICAL_TRIGGER);
   EXPECT_EQ(levels_held(OS_CRITICAL_TRIGGER), 0);
   EXPECT_TRUE(is_free_for_others(OS_CRITICAL_TRIGGER));
-  EXPECT_EQ(console.fatals(), std::vector<std::string>{});
-}
-
-// ---- Action --------------------------------------------------------------------------------------------------
-
-TEST_F(TriggerCore, TheCallbackGetsItsThreeArgumentsAndHoldsNoSection) {
-  struct Seen {
-    HandTrigger* trigger;
-    OSObj* obj = nullptr;
-    ADDR addr = nullptr;
-    ULONG value = 0;
-    OSTrState state = OS_T_INACTIVE;
-    int listed = -1;
-    int levels = -1;
-  };
-  HandTrigger trigger;
-  Seen seen{&trigger};
-  int address = 0;
-  trigger.SetCallback(
-      [](OSObj* obj, ADDR addr, ULONG value) {
-        Seen& s = from_obj<Seen>(obj);
-        s.obj = obj;
-        s.addr = addr;
-        s.value = value;
-        s.state = s.trigger->State();
-        s.listed = OS_READY_LIST.Size();
-        s.levels = levels_held(OS_CRITICAL_TRIGGER);
-      },
-      as_obj(&seen), &address, 0x89ABCDEFu);
-  for (const bool dispatched : {false, true}) {
-    seen = Seen{&trigger};
-    trigger.ArmAndFire();
-    if (dispatched) {
-      os_check_triggers();
-    } else {
-      EXPECT_TRUE(trigger.Action());
-    }
-    EXPECT_EQ(seen.obj, as_obj(&seen));
-    EXPECT_EQ(seen.addr, &address);
-    EXPECT_EQ(seen.value, 0x89ABCDEFu);
-    EXPECT_EQ(seen.state, OS_T_ACTIONED) << "the state is set before the callback runs";
-    EXPECT_EQ(seen.listed, 0) << "the trigger has left the ready list before the callback runs";
-    EXPECT_EQ(seen.levels, 0);
-  }
-}
-
-TEST_F(TriggerCore, ACallbackMayArmItsOwnTriggerAgain) {
-  HandTrigger trigger;
-  int calls = 0;
-  Script callback = [&] {
-    ++calls;
-    trigger.Clear();
-  };
-  set_script(trigger, callback);
-  trigger.ArmAndFire();
-  EXPECT_TRUE(trigger.Action());
-  EXPECT_EQ(trigger.State(), OS_T_WAIT) << "nothing is written to the trigger after its callback";
-  trigger.Fire();
-  EXPECT_TRUE(trigger.Action());
-  EXPECT_EQ(calls, 2);
-}
-
-TEST_F(TriggerCore, ACallbackMayDeleteItsOwnTrigger) {
-  auto* trigger = new HandTrigger;
-  bool ran = false;
-  Script callback = [&] {
-    ran = true;
-    delete trigger;
-  };
-  set_script(*trigger, callback);
-  trigger->ArmAndFire();
-  EXPECT_TRUE(trigger->Action());
-  EXPECT_TRUE(ran);
-  EXPECT_EQ(OS_READY_LIST.Size(), 0);
-}
-
-TEST_F(TriggerCore, AWokenTaskLearnsTheReason) {
-  Owned<> task;
-  constexpr UBYTE kReasons[] = {1, 2, 3, 4, 200};
-  for (const UBYTE reason : kReasons) {
-    HandTrigger trigger(OS_TA_WAKE);
-    trigger.SetTask(task.get());
-    trigger.Arm();
-    trigger.reason = reason;
-    trigger.Activate();
-    EXPECT_FALSE(trigger.Action()) << "the task does not snooze";
-    EXPECT_EQ(trigger.State(), OS_T_READY);
-    task->Snooze();
-    EXPECT_TRUE(trigger.Action());
-    EXPECT_EQ(trigger.State(), OS_T_ACTIONED);
-    EXPECT_EQ(task->WakeCode(), reason);
-    EXPECT_EQ(state_of(*task), OS_ST_OK);
-    EXPECT_EQ(drain(task->thread_event), 1);
-  }
-}
-
-TEST_F(TriggerCore, AStoppedTaskIsNotWoken) {
-  Owned<> task;
-  HandTrigger trigger(OS_TA_WAKE);
-  trigger.SetTask(task.get());
-  trigger.ArmAndFire();
-  task->Snooze();
-  task->Kill();
-  EXPECT_FALSE(trigger.Action());
-  EXPECT_EQ(trigger.State(), OS_T_READY);
-  EXPECT_EQ(task->thread_event, 0);
-}
-
-TEST_F(TriggerCore, AFiredTriggerSurvivesTheEndOfTheKernel) {
-  auto trigger = std::make_unique<HandTrigger>(OS_TA_NONE);
-  trigger->ArmAndFire();
-  auto armed = std::make_unique<HandTrigger>(OS_TA_NONE);
-  armed->Arm();
-  Stop();
-  armed->Fire();
-  EXPECT_EQ(armed->State(), OS_T_READY);
-  trigger.reset();
-  armed.reset();
-  EXPECT_EQ(OS_READY_LIST.Size(), 0);
-  EXPECT_TRUE(ListIsSound(OS_READY_LIST));
-  EXPECT_EQ(console.fatals(), std::vector<std::string>{});
-}
-
-// ---- Several threads -----------------------------------------------------------------------------------------
-
-TEST_F(TriggerCore, TwoFiresAtOnceActivateOnce) {
-  constexpr int kRounds = 2000;
-  constexpr int kThreads = 3;
-  HandTrigger trigger(OS_TA_NONE);
-  Rendezvous start(kThreads);
-  Rendezvous done(kThreads);
-  std::vector<std::thread> threads;
-  for (int i = 1; i < kThreads; ++i) {
-    threads.emplace_back([&] {
-      for (int round = 0; round < kRounds; ++round) {
-        start.meet();
-        trigger.Fire();
-        done.meet();
-      }
-    });
-  }
-  int wrong = 0;
-  for (int round = 0; round < kRounds; ++round) {
-    trigger.Clear();
-    const int fired_before = trigger.fired;
-    start.meet();
-    trigger.Fire();
-    done.meet();
-    const bool right = trigger.fired == fired_before + 1 && trigger.State() == OS_T_READY &&
-                       OS_READY_LIST.Size() == 1 && ring_length(OS_READY_LIST) == 1 &&
-                       drain(os_trig_event) == 1;
-    if (!right) ++wrong;
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(wrong, 0);
-  EXPECT_EQ(console.fatals(), std::vector<std::string>{});
-}
-
-TEST_F(TriggerCore, TwoFiresAtOnceWakeASnoozingTaskOnce) {
-  constexpr int kRounds = 1000;
-  Owned<> task;
-  HandTrigger trigger(OS_TA_WAKE);
-  trigger.SetTask(task.get());
-  trigger.async = 0;
-  Rendezvous start(2);
-  Rendezvous done(2);
-  std::thread other([&] {
-    for (int round = 0; round < kRounds; ++round) {
-      start.meet();
-      trigger.Fire();
-      done.meet();
-    }
-  });
-  int wrong = 0;
-  for (int round = 0; round < kRounds; ++round) {
-    trigger.Clear();
-    task->Snooze();
-    start.meet();
-    trigger.Fire();
-    done.meet();
-    const bool right = trigger.fired == round + 1 && trigger.State() == OS_T_ACTIONED &&
-                       OS_READY_LIST.Size() == 0 && drain(task->thread_event) == 1;
-    if (!right) ++wrong;
-  }
-  other.join();
-  EXPECT_EQ(wrong, 0);
-}
-
-TEST_F(TriggerCore, AnyMixOfOperationsOnAnyThreadsKeepsStateAndListsInStep) {
-  const unsigned seed = test_seed();
-  constexpr int kThreads = 4;
-  constexpr int kTriggers = 5;
-  constexpr int kSteps = 4000;
-  std::vector<std::unique_ptr<HandTrigger>> triggers;
-  for (int i = 0; i < kTriggers; ++i) triggers.push_back(std::make_unique<HandTrigger>(OS_TA_NONE));
-  std::vector<std::thread> threads;
-  for (int n = 0; n < kThreads; ++n) {
-    threads.emplace_back([&, n] {
-      std::mt19937 random(seed + static_cast<unsigned>(n));
-      for (int step = 0; step < kSteps; ++step) {
-        HandTrigger& trigger = *triggers[static_cast<std::size_t>(pick(random, 0, kTriggers - 1))];
-        switch (pick(random, 0, 5)) {
-          case 0:
-            trigger.Clear();
-            break;
-          case 1:
-            trigger.Cancel();
-            break;
-          case 2:
-            trigger.Fire();
-            break;
-          case 3:
-            trigger.Fire();
-            break;
-          case 4:
-            os_check_triggers();
-            break;
-          case 5:
-            trigger.Arm();
-            break;
-        }
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  for (const auto& trigger : triggers) {
-    EXPECT_NE(trigger->State(), OS_T_ACTIONED) << "these triggers have nothing to do";
-    EXPECT_EQ(is_on(OS_READY_LIST, trigger.get()), trigger->State() == OS_T_READY);
-  }
-  drain(os_trig_event);
-  triggers.clear();
-  EXPECT_EQ(OS_READY_LIST.Size(), 0);
-  EXPECT_TRUE(ListIsSound(OS_READY_LIST));
   EXPECT_EQ(console.fatals(), std::vector<std::string>{});
 }
 
