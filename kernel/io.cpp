@@ -70,8 +70,11 @@ OSIORetCode OSIO::Service(OSIOParam*) { return NotSupported; }
 
 // ---- Binding -----------------------------------------------------------------------------------------------
 
-// In this class's own form: what a derived class has made of Detach is gone by now.
-OSIO::~OSIO() { OSIO::UnBind(); }
+// UnBind in this class's own form: what a derived class has made of Detach is gone by now.
+OSIO::~OSIO() {
+  if (partner != nullptr && partner != &OSNullIO) partner->Detach();
+  OSIO::Detach();
+}
 
 void OSIO::Bind(OSIO* other) {
   // Attaching to OSNullIO would leave it pointing at this layer, past this layer's end.

@@ -356,8 +356,8 @@ OSTask* OSTask::FindTask(pthread_t thread) {
 void OSCheckStack() {
   const OSTask* const task = std::atomic_ref(OS_TASK).load();
   if (task == nullptr || Console == nullptr) return;
-  const char here = 0;
-  const auto at = reinterpret_cast<std::uintptr_t>(&here);
+  // Not the address of a local variable, which a sanitizer may keep elsewhere.
+  const auto at = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
   const auto bottom = reinterpret_cast<std::uintptr_t>(task->stkbot);
   Console->Print("Stack space = %d usage = %d\r\n", static_cast<int>(at - bottom),
                  static_cast<int>(bottom + task->stksize - at));

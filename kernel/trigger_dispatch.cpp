@@ -103,10 +103,19 @@ OSTriggerDispatch::Watch::Watch(OSTrigger* trigger) : trigger_(trigger), outer_(
 
 OSTriggerDispatch::Watch::~Watch() { watches_ = outer_; }
 
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+// A walk lives on its dispatcher's stack and takes itself off the list in its destructor, which the compiler
+// overlooks.
+#pragma GCC diagnostic ignored "-Wdangling-pointer"
+#endif
 OSTriggerDispatch::Walk::Walk(OSLinkList* list) : list_(list), at_(list), older_(walks_), newer_(nullptr) {
   if (older_ != nullptr) older_->newer_ = this;
   walks_ = this;
 }
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 
 OSTriggerDispatch::Walk::~Walk() {
   (newer_ != nullptr ? newer_->older_ : walks_) = older_;

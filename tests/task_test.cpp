@@ -397,7 +397,6 @@ TEST_F(TaskTest, CheckStackPrintsSpaceAndUsageOfTheLatestTask) {
     ASSERT_TRUE(task->main_runs.wait());
     ASSERT_EQ(OS_TASK, task.get());
     console.clear();
-    const char near = 0;
     OSCheckStack();
     const std::string line = console.text();
     int space = 0;
@@ -410,7 +409,8 @@ TEST_F(TaskTest, CheckStackPrintsSpaceAndUsageOfTheLatestTask) {
     EXPECT_EQ(static_cast<ULONG>(space) + static_cast<ULONG>(usage), task->stksize);
     // The space is counted from a stack bottom of null, so it is an address in this thread's stack, cut to 32
     // bits.
-    const auto here = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(&near));
+    const auto here =
+        static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0)));
     EXPECT_LT(std::abs(static_cast<std::int32_t>(here - static_cast<std::uint32_t>(space))), 0x100000);
   }
 }
@@ -423,12 +423,12 @@ TEST_F(TaskTest, CheckStackMeasuresFromTheBottomOfAStackThatTheTaskHas) {
   task->stkbot = static_cast<UBYTE*>(pool->Allocate(100));
   ASSERT_NE(task->stkbot, nullptr);
   console.clear();
-  const char near = 0;
   OSCheckStack();
   int space = 0;
   ASSERT_EQ(std::sscanf(console.text().c_str(), "Stack space = %d", &space), 1) << console.text();
-  const auto expected = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(&near) -
-                                                   reinterpret_cast<std::uintptr_t>(task->stkbot));
+  const auto expected =
+      static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0)) -
+                                 reinterpret_cast<std::uintptr_t>(task->stkbot));
   EXPECT_LT(std::abs(static_cast<std::int32_t>(expected - static_cast<std::uint32_t>(space))), 0x100000);
 }
 
