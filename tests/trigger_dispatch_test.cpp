@@ -45,6 +45,31 @@ TEST_P(ReadyPass, CallbacksRunInOrderOnTheDispatchingThread) {
   });
 }
 
+TEST_P(ReadyPass, ACallbackGetsItsThreeArguments) {
+  struct Seen {
+    OSObj* obj;
+    ADDR addr;
+    ULONG value;
+  };
+  static Seen seen;
+  with_list([] {
+    seen = {};
+    int object = 0;
+    int address = 0;
+    HandTrigger trigger;
+    trigger.SetCallback(
+        [](OSObj* obj, ADDR addr, ULONG value) {
+          seen = {obj, addr, value};
+        },
+        as_obj(&object), &address, 0xFEDCBA98u);
+    trigger.ArmAndFire();
+    pass();
+    EXPECT_EQ(seen.obj, as_obj(&object));
+    EXPECT_EQ(seen.addr, &address);
+    EXPECT_EQ(seen.value, 0xFEDCBA98u);
+  });
+}
+
 TEST_P(ReadyPass, WhatCannotBeActionedStaysInOrderAndIsTriedOnEveryPass) {
   with_list([] {
     Owned<> task;
