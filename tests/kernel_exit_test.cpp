@@ -231,7 +231,7 @@ class LibraryClosed : public KernelExit {
   void SetUp() override {
     KernelExit::SetUp();
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "sanitizers cannot load a library that looks for symbols in itself first";
+    GTEST_SKIP() << "needs a build without sanitizers: they refuse a library that looks in itself first";
 #endif
   }
 };

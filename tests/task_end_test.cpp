@@ -328,7 +328,9 @@ TEST_F(TaskTest, ATaskThatIsKilledBeforeItsThreadHasReachedMainStillRunsIt) {
 }
 
 TEST_F(TaskTest, ATaskThatIsDeletedBeforeItsThreadHasReachedMainHasNoneAnyMore) {
-  if (kIdleThreads > 1) GTEST_SKIP() << "a thread sanitizer objects to the virtual call, and rightly so";
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "needs a build without thread sanitizer: it objects to the virtual call, and rightly so";
+#endif
   std::atomic<int> calls{0};
   auto* task = new Counting(calls);
   task->_LockDelete();
