@@ -4,10 +4,14 @@
 
 # Debian packages. googletest's headers and archives come with libgtest-dev and libgmock-dev.
 PACKAGES_BUILD=(g++ cmake ninja-build)
-PACKAGES_TEST=(libgtest-dev libgmock-dev)
+# The second line: servers and clients that the tests of the networking layer talk to, each in a namespace or on a free
+# port of its own; ./test starts them.
+PACKAGES_TEST=(libgtest-dev libgmock-dev
+  iproute2 dnsmasq-base redis-server netcat-openbsd socat tshark)
 PACKAGES_EXAMPLES=(libcli11-dev nlohmann-json3-dev libfmt-dev libcsv-dev libboost-dev)
 PACKAGES_BENCH=(libbenchmark-dev libboost-dev libuv1-dev libevent-dev)
 PACKAGES_CHECK=(git clang-format clang-tidy python3)
+PACKAGES_FUZZ=(clang libclang-rt-14-dev)
 
 say() { printf '%s\n' "$*"; }
 fail() {
@@ -55,10 +59,19 @@ need_packages() {
   say "  reading the package lists ..."
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get "${options[@]}" update ||
     fail "apt-get update failed: is there a network?"
+  # A server that is installed for a test is started by that test, not by its package.
+  local policy=/usr/sbin/policy-rc.d held=0
+  if [[ ! -e $policy ]]; then
+    printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" tee "$policy" >/dev/null
+    "${as_root[@]}" chmod 755 "$policy"
+    held=1
+  fi
   say "  downloading and unpacking ..."
+  local status=0
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get "${options[@]}" \
-    install -y --no-install-recommends "${missing[@]}" >/dev/null ||
-    fail "apt-get could not install: ${missing[*]}"
+    install -y --no-install-recommends "${missing[@]}" >/dev/null || status=$?
+  if ((held)); then "${as_root[@]}" rm -f "$policy"; fi
+  ((status == 0)) || fail "apt-get could not install: ${missing[*]}"
   say "  installed."
 }
 

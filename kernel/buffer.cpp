@@ -281,3 +281,31 @@ void OSBuf::SetPayload(UBYTE* storage, UWORD storage_size) {
   size = storage_size;
   make_empty();
 }
+
+// ---- Classes with storage of their own ---------------------------------------------------------------------
+
+void OSBuf::adopt_storage(UBYTE* storage, UWORD bytes) {
+  std::memset(storage + bytes, kGuard, kGuardBytes);
+  own_payload_ = storage;
+  own_size_ = bytes;
+  guarded_ = true;
+  SetPayload(storage, bytes);
+}
+
+bool OSBuf::begin_return() {
+  Place place = Place::kOut;
+  return place_.compare_exchange_strong(place, Place::kReturning, std::memory_order_relaxed);
+}
+
+void OSBuf::release_contents() {
+  OSCallback::run_ring(&data_free_callback);
+  OSCallback::run_ring(&buffer_free_callback);
+  if (payload != own_payload_ || size != own_size_) SetPayload(own_payload_, own_size_);
+  trace = 0;
+  place_.store(Place::kHome, std::memory_order_relaxed);
+}
+
+void OSBuf::hand_out(OSBuf* buf) {
+  buf->make_empty();
+  buf->place_.store(Place::kOut, std::memory_order_relaxed);
+}

@@ -221,6 +221,26 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
   /// Every buffer that is allocated, oldest first; null while the pools are not there. Inside OS_CRITICAL_BUFFERS.
   static OSIndirectList* allocated_list;
 
+ protected:
+  // For classes that bring their own storage and override Free.
+
+  /// Gives a buffer from the default constructor its storage, which is its maker's: `bytes` usable bytes with the
+  /// guard bytes behind them, which are filled here. It is empty then, with all its room in front.
+  void adopt_storage(UBYTE* storage, UWORD bytes);
+  static constexpr UWORD kGuardBytes = 64;
+
+  /// Whether this Free is the one that counts: the first since the buffer was constructed or handed out. Whoever
+  /// gets false touches nothing of the buffer.
+  ///   threads   any, several at once
+  bool begin_return();
+  /// What Free does for the holder's sake: runs and releases the callbacks, restores the storage if SetPayload has
+  /// replaced it and clears trace. After that the buffer counts as free.
+  void release_contents();
+  /// Makes a buffer that was free empty, with all its room in front, and the caller's to free.
+  static void hand_out(OSBuf* buf);
+  /// Whether the buffer is somebody's, neither free nor being freed. Any thread, as a hint.
+  bool is_out() const { return place_.load(std::memory_order_relaxed) == Place::kOut; }
+
  private:
   friend void dump_allocated();
   struct __attribute__((visibility("hidden"))) Pool;
@@ -229,7 +249,6 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
   static constexpr ULONG kId = 0x44556677;
   static constexpr UWORD kNeverUsed = 0x5555;
   static constexpr UWORD kFreed = 0xAAAA;
-  static constexpr UWORD kGuardBytes = 64;
   static constexpr UBYTE kGuard = 0xA5;
 
   enum class Place : UBYTE { kOut, kReturning, kHome };

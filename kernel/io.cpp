@@ -72,7 +72,8 @@ OSIORetCode OSIO::Service(OSIOParam*) { return NotSupported; }
 
 // UnBind in this class's own form: what a derived class has made of Detach is gone by now.
 OSIO::~OSIO() {
-  if (partner != nullptr && partner != &OSNullIO) partner->Detach();
+  OSIO* const other = Partner();
+  if (other != nullptr && other != &OSNullIO) other->Detach();
   OSIO::Detach();
 }
 
@@ -87,10 +88,13 @@ void OSIO::Bind(OSIO* other) {
 }
 
 void OSIO::UnBind() {
-  if (partner != nullptr && partner != &OSNullIO) partner->Detach();
+  OSIO* const other = Partner();
+  if (other != nullptr && other != &OSNullIO) other->Detach();
   Detach();
 }
 
-void OSIO::Attach(OSIO* other) { partner = other == nullptr ? &OSNullIO : other; }
+void OSIO::Attach(OSIO* other) {
+  __atomic_store_n(&partner, other == nullptr ? &OSNullIO : other, __ATOMIC_RELEASE);
+}
 
-void OSIO::Detach() { partner = &OSNullIO; }
+void OSIO::Detach() { OSIO::Attach(nullptr); }

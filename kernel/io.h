@@ -58,7 +58,8 @@ class OSKERNEL_API OSIOAddress : public OSIOParam {
 /// inherit the refusal of the rest.
 ///
 /// Threads: a layer is called by the thread that has something for it, under no lock of the library. `partner`
-/// is not locked: bind and unbind while no other thread passes data between the two layers.
+/// is not locked, but changes as a whole: a thread that is passing data sees the old partner or the new one. Who
+/// destroys a layer makes sure that no thread is in it.
 class OSKERNEL_API OSIO : public OSListObj {
  public:
   /// An unbound layer: the partner is OSNullIO.
@@ -125,12 +126,14 @@ class OSKERNEL_API OSIO : public OSListObj {
   virtual void Detach();
 
   /// The layer bound to this one; OSNullIO when there is none, never null.
-  OSIO* Partner() const { return partner; }
+  OSIO* Partner() const { return __atomic_load_n(&partner, __ATOMIC_ACQUIRE); }
 
   /// Whether a layer other than OSNullIO is bound to this one.
-  BOOL IsBound() const { return partner != &OSNullIO; }
+  BOOL IsBound() const { return Partner() != &OSNullIO; }
 
-  OSIO* partner;  ///< never null after construction
+  /// Never null after construction. Accessed atomically: the release store of Attach publishes the layer that is
+  /// attached, the acquire load of Partner meets it.
+  OSIO* partner;
 };
 
 #endif

@@ -20,9 +20,15 @@ struct Ranked {
   const char* name;
 };
 
+/// Sections of the library's outer layers, outermost first, stand in front; see rank_outer_section.
+constexpr std::size_t kOuter = 2;
+
 /// A thread that holds one of these may enter only those behind it. It is one line through the tree of
-/// docs/design.md: branches that never meet stand in some order.
-constexpr std::array<Ranked, 6> kOrder{{
+/// docs/design.md: branches that never meet stand in some order. The first are filled in while the library is
+/// loaded, before there are threads.
+constinit std::array<Ranked, kOuter + 6> order{{
+    {nullptr, nullptr},
+    {nullptr, nullptr},
     {&OS_CRITICAL_TRIGGER, "OS_CRITICAL_TRIGGER"},
     {&OS_CRITICAL_TASK, "OS_CRITICAL_TASK"},
     {&OS_CRITICAL_TIME, "OS_CRITICAL_TIME"},
@@ -31,38 +37,42 @@ constexpr std::array<Ranked, 6> kOrder{{
     {&OS_CRITICAL_LINK, "OS_CRITICAL_LINK"},
 }};
 
-/// Bit i: the calling thread holds kOrder[i].
+/// Bit i: the calling thread holds order[i].
 thread_local unsigned held __attribute__((tls_model("initial-exec"))) = 0;
 
 /// The section's place in the order, or its length for a section that is not the kernel's.
 std::size_t place_of(const CRITICAL_SECTION* section) {
   std::size_t place = 0;
-  while (place < kOrder.size() && kOrder[place].section != section) ++place;
+  while (place < order.size() && order[place].section != section) ++place;
   return place;
 }
 
 }  // namespace
 
+void rank_outer_section(std::size_t place, const CRITICAL_SECTION* section, const char* name) {
+  order[place] = {section, name};
+}
+
 void check_section_order(const CRITICAL_SECTION* section) {
   const std::size_t place = place_of(section);
-  if (place == kOrder.size()) return;
-  for (std::size_t later = place + 1; later < kOrder.size(); ++later) {
+  if (place == order.size()) return;
+  for (std::size_t later = place + 1; later < order.size(); ++later) {
     if ((held & (1U << later)) == 0) continue;
     // Not through Console, which may enter sections itself.
     std::fprintf(stderr, "oskernel: %s is entered by a thread that holds %s: wrong order\n",
-                 kOrder[place].name, kOrder[later].name);
+                 order[place].name, order[later].name);
     std::abort();
   }
 }
 
 void note_section_entered(const CRITICAL_SECTION* section) {
   const std::size_t place = place_of(section);
-  if (place < kOrder.size()) held |= 1U << place;
+  if (place < order.size()) held |= 1U << place;
 }
 
 void note_section_left(const CRITICAL_SECTION* section) {
   const std::size_t place = place_of(section);
-  if (place < kOrder.size()) held &= ~(1U << place);
+  if (place < order.size()) held &= ~(1U << place);
 }
 
 #endif

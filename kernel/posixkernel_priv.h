@@ -36,10 +36,14 @@ inline void init_section(CRITICAL_SECTION* section) {
 void check_section_order(const CRITICAL_SECTION* section);   // before a first entry waits
 void note_section_entered(const CRITICAL_SECTION* section);  // after it
 void note_section_left(const CRITICAL_SECTION* section);     // before the last leave
+/// Gives a section of an outer layer its place, from 0, in front of the kernel's own. While the library is loaded.
+void rank_outer_section(std::size_t place, const CRITICAL_SECTION* section, const char* name);
 #else
 inline void check_section_order(const CRITICAL_SECTION* /*section*/) {}
 inline void note_section_entered(const CRITICAL_SECTION* /*section*/) {}
 inline void note_section_left(const CRITICAL_SECTION* /*section*/) {}
+inline void rank_outer_section(std::size_t /*place*/, const CRITICAL_SECTION* /*section*/,
+                               const char* /*name*/) {}
 #endif
 
 /// The moment so many milliseconds from now on the monotonic clock, which nobody sets.

@@ -1,0 +1,372 @@
+/// The asynchronous TCP and UDP socket.
+///
+/// A socket is a layer: the layer above binds to it as its partner, hands it buffers to send through the indications
+/// and receives data, connections and disconnections the same way. It is served in one of two ways, fixed when it is
+/// constructed:
+///
+///   indirect  one monitor thread watches all of them; what is received waits in the socket's queue, and the thread
+///             that dispatches the socket's queue trigger hands it to the partner
+///   direct    a receive thread of its own reads and calls the partner itself
+///
+/// Include asocket.h; it brings the whole family.
+#ifndef OSKERNEL_ASOCKETX_H
+#define OSKERNEL_ASOCKETX_H
+
+#include <pthread.h>
+
+#include <atomic>
+#include <mutex>
+
+#include "buffer.h"
+#include "io.h"
+#include "link.h"
+#include "posixkernel.h"
+#include "sockaddr.h"
+#include "trigger.h"
+#include "types.h"
+
+class DNSEntry;
+class RingBuffer;
+class SSLInfo;
+class SocketMonitor;
+class SocketRegistry;
+
+enum SocketState { SSInitial = 0, SSConnecting = 1, SSConnected = 2, SSDisconnected = 3 };
+enum SecureState { SecClear = 0, SecHandshake = 1, SecSecure = 2 };
+enum MulticastFlags { McSendOnly = 1, McReceiveOnly = 2, McSendAndReceive = 3 };
+
+/// A socket. Life: construct, Create, Connect or Listen (or ConnectAck when Listen handed it over), traffic, Free.
+///
+/// States of a stream (`state`); what is indicated goes to the partner:
+///
+///                Connect()             connected       refused, failed,      Close()
+///                                                      peer closed
+///   Initial      -> Connecting         cannot happen   cannot happen         stays
+///                direct: -> Connected
+///                or Disconnected
+///   Connecting   cannot happen         -> Connected,   -> Disconnected,      -> Initial, nothing
+///                                      Connect         Disconnect            indicated
+///   Connected    do not                cannot happen   -> Disconnected,      -> Initial, nothing
+///                                                      Disconnect            indicated
+///   Disconnected do not                cannot happen   stays                 -> Initial
+///
+/// A datagram socket is Initial until it is given a destination, by Connect or a multicast creation, then Connected.
+///
+/// Connections and disconnections travel in the data stream as control buffers of length 0 whose first bytes say
+/// what they are: 0 for connected; 1, reason for disconnected, and behind the reason Failed (4) a 32-bit code,
+/// most significant byte first: an errno value, or 0 for none. So they keep their place among the data.
+///
+/// Threads: every operation may be called from any thread unless it says otherwise, inside none of the sections
+/// named here. Different sockets are independent. Fields that threads share without a lock are accessed atomically.
+/// Sections: DNSEntry::cs, then AsyncSocket::cs, then a socket's local_cs, then OS_CRITICAL_TRIGGER and the pools'.
+class OSKERNEL_API AsyncSocket : public OSIO {
+ public:
+  /// In state SSInitial without a descriptor, unbound; starts the networking layer (Init) when it is not running.
+  ///   indirect  see above
+  explicit AsyncSocket(bool indirect);
+
+  /// Only Free deletes a socket. An indirect one that is deleted otherwise is
+  /// Fatal "%d AsyncSocket::~AsyncSocket - %p, socket not Free'd first!".
+  ~AsyncSocket() override;
+
+  // ---- Sending: what the layer above calls -------------------------------------------------------------------
+
+  /// Sends on the caller's thread. A stream that is not connected yet queues the data and sends it, in order and
+  /// merged into buffers of up to 1400 bytes, as soon as it is; a connected one waits for room, up to 5 s, and for
+  /// its turn behind what is queued. A datagram goes to rem_sin, and once more through rtps when that is set.
+  ///   takes     buf, whatever the result
+  ///   returns   Success; NoConnection when the stream is disconnected or the datagram could not be sent; Blocked
+  ///             when the send failed and disconnected the stream: DisconnectIndication(Failed, errno or 0) follows
+  ///   threads   any; on the monitor thread nothing is waited for. A direct socket indicates that failure before
+  ///             this returns, and the partner may Free the socket then.
+  OSIORetCode DataIndication(OSBuf* buf) override;
+  /// The same as the (virtual) DataIndication.
+  OSIORetCode DataExpeditedIndication(OSBuf* buf) override;
+  /// Sends a datagram to rem_sin when the socket is connected, otherwise to dest; and through rtps, when that is set,
+  /// to rem_sin. Never disconnects.
+  ///   takes     buf
+  ///   source    not used
+  ///   dest      a sockaddr of 16 bytes; lent. Not looked at when the socket is connected.
+  ///   returns   Success; Blocked when there is no destination; NoConnection when sending failed
+  OSIORetCode DatagramIndication(OSBuf* buf, void* source, void* dest) override;
+  OSIORetCode ConnectIndication(OSIOAddress* address) override;  ///< no effect, Success
+  OSIORetCode DisconnectIndication(OSIOReason reason,
+                                   int code) override;  ///< shutdown(2) of both ways, Success
+
+  void Bind(OSIO* to) override;  ///< OSIO::Bind inside local_cs
+  void UnBind() override;        ///< OSIO::UnBind inside local_cs
+
+  // ---- What subclasses override ------------------------------------------------------------------------------
+
+  /// The socket object for an accepted connection: a new indirect AsyncSocket. Subclasses return their own kind.
+  ///   skt       the accepted descriptor; taken
+  ///   threads   the dispatcher of listenqtrigger
+  virtual AsyncSocket* GetNewSocket(int skt);
+  /// A received or a control buffer: queues it (indirect) or passes it to Receive (direct).
+  ///   takes     buf
+  ///   threads   indirect: monitor thread, inside cs, and senders that fail. Direct: the receive thread
+  virtual void ProcessData(OSBuf* buf);
+  /// Turns a buffer into an indication on the partner. The socket may be gone when it returns: the partner may
+  /// Free it.
+  ///   takes     buf
+  ///   threads   indirect: the dispatcher of qtrigger. Direct: the receive thread
+  virtual void Receive(OSBuf* buf);
+  /// Reads, or accepts, once. A direct socket waits up to 1 s for something to read.
+  ///   threads   indirect: monitor thread, inside cs. Direct: the receive thread
+  virtual void Poll();
+
+  // ---- Making the descriptor ---------------------------------------------------------------------------------
+
+  /// Adopts an open descriptor of type SOCK_STREAM or SOCK_DGRAM. Reception is not started.
+  ///   takes     skt
+  ///   returns   0
+  int Create(int Atype, int skt);
+  /// Makes a socket and binds it. A datagram socket receives from now on.
+  ///   port           host order, 0 for any
+  ///   addr           host order, 0 for local_ipaddr, which when 0 itself means any
+  ///   reuse_allowed  SO_REUSEADDR for a datagram socket; a stream socket always has it
+  ///   returns        0 or errno. When bind(2) failed, the descriptor stays open in s: Close it.
+  /// A descriptor that is open in s already is used, and `type` stays.
+  int Create(int Atype, UWORD port, ULONG addr, bool reuse_allowed);
+  /// The same without the send time-out of 2 s.
+  int CreateRealTime(int Atype, UWORD port, ULONG addr, bool reuse_allowed);
+  /// Makes a datagram socket for a multicast group. Receivers are bound to the group's address and port, so that
+  /// nothing else reaches them.
+  ///   addr      group and port
+  ///   flags     McSendOnly: rem_sin is the group, nothing is bound or joined. McReceiveOnly: joined, rem_sin is
+  ///             0.0.0.0:0. McSendAndReceive: both.
+  ///   pifaddr   the interface by its address; null for LookupIface(255.255.255.255)
+  ///   returns   0, errno when the group cannot be joined, -1 without a descriptor
+  int CreateMulticast(SockAddr& addr, MulticastFlags flags, SockAddr* pifaddr);
+  /// The same without starting reception: the caller reads the socket itself.
+  int CreateMulticastRealTime(SockAddr& addr, MulticastFlags flags, SockAddr* pifaddr);
+
+  // ---- Connecting, listening, ending -------------------------------------------------------------------------
+
+  /// Gives the socket its peer. A stream connects in the background: ConnectIndication or DisconnectIndication tells
+  /// the outcome. A datagram socket is connected at once; for a multicast address the outgoing interface and a TTL of
+  /// 64 are set.
+  ///   addr, port  host order
+  ///   returns     0
+  int Connect(ULONG addr, UWORD port);
+  int Connect(SockAddr& sa);
+  /// The same by text: an address, or a host name that is resolved in the background (dnsentry.h). A name that cannot
+  /// be resolved is reported as DisconnectIndication(Failed, 0).
+  ///   returns   0; -1 for an empty text and for 0.0.0.0, after closing the descriptor
+  int Connect(const char* addr, UWORD port);
+  /// Starts an accepted connection; call it when a layer is bound.
+  ///   returns   0
+  int ConnectAck();
+  bool Connected();  ///< state is SSConnected
+
+  /// Waits for connections, with a backlog of 4 in the system. fn(obj, socket, 0) is called for each: it takes the
+  /// socket, binds a layer and calls ConnectAck, or refuses with Free.
+  ///   returns   0 or errno
+  ///   threads   fn: the dispatcher of listenqtrigger, inside no section
+  /// Deliberate: when fn deletes the listener itself, the dispatching thread keeps AsyncSocket::cs for good, and with
+  /// it the networking of the process stands still: programs that end that way rely on nothing more being accepted
+  /// or indicated. To retire a listener safely, Free it outside fn, from a timer's callback for instance. Pinned by
+  /// socket_listen_test.cpp.
+  int Listen(OSCallbackFunction fn, void* obj);
+  /// Accepts one connection now, for programs that wait for the listener themselves.
+  ///   skt         adopts the connection
+  ///   addr, port  the peer, host order; each may be null
+  ///   returns     0 or errno. rem_sin of this socket becomes the peer's address.
+  int Accept(AsyncSocket* skt, ULONG* addr, UWORD* port);
+  void Shutdown();  ///< shutdown(2) of both ways
+  /// Closes the descriptors, stops the socket's own thread, frees what is queued. The socket can be created anew.
+  ///   threads   any but the socket's own
+  void Close();
+  /// Closes and deletes the socket; nothing is indicated to its partner after that. Waits for the monitor thread to
+  /// let go of it, and for a callback of it that another thread is in. Ignored for a null socket.
+  ///   threads   any but the monitor thread, inside no section; from the socket's own indications too
+  void Free();
+
+  // ---- Options and information -------------------------------------------------------------------------------
+
+  void SetDiffServ(UBYTE diffserv);  ///< the whole type-of-service byte (IP_TOS) as it is
+  void SetBigBuffers(bool allowed);  ///< reads of 1680 bytes and more get a buffer of their size
+  ULONG LocalIP_n();                 ///< local address, network order; asks the system while it is 0
+  ULONG LocalIP_h();                 ///< the same in host order
+  UWORD LocalPort();                 ///< local port, host order; asks the system while it is 0
+  char* RemoteIPText();              ///< rem_sin as text, in rem_sin.addr_str
+  ULONG RemoteIP_n();                ///< rem_sin's address, network order
+  ULONG RemoteIP_h();                ///< host order
+  UWORD RemotePort();                ///< host order
+
+  /// Starts the networking layer: monitor thread, name cache. The constructor calls it.
+  ///   returns   TRUE
+  ///   threads   any, several at once
+  static BOOL Init();
+  /// Stops it: joins the threads, closes the wake-up pipe, forgets the sockets, which are not deleted. Init starts it
+  /// again.
+  ///   threads   the stopping thread, before os_cleanup, when no socket is used any more
+  static void Cleanup();
+
+  static void SetPrimaryAddress(ULONG ipaddr);  ///< local_ipaddr, host order; start-up
+  static void SetPrimaryInterfaces(char* i0);   ///< local_ifname[0]; lent for good; start-up
+  /// The local address from which a destination is reached.
+  ///   dest      host order; 255.255.255.255 means any
+  ///   returns   host order; 0 when there is none
+  static ULONG LookupIface(ULONG dest);
+  /// Writes the machine's MAC address, 6 bytes, to mac. The first call decides real_hardware.
+  ///   skipeth1  on the appliance's hardware, do not take eth1's
+  ///   returns   whether there is one
+  static bool LookupInterfaceMac(UBYTE* mac, bool skipeth1);
+  static BOOL CheckForLocalIP(ULONG ipaddr);  ///< whether ipaddr, host order, is an address of this machine
+
+  // ---- The machinery: called by the library, public for programs that extend it ------------------------------
+
+  static void* MonitorThread(void* unused);
+  /// Makes the monitor thread look at all sockets again, after a program has changed a socket's fields itself.
+  static void WakeMonitorThread();
+  void StartTask();  ///< starts reception: Create, Connect, Listen and ConnectAck call it
+  static void* Main(LPVOID p);
+  static void* ListenMain(LPVOID p);
+  /// A receive buffer for `size` bytes, from the pools (indirect) or the ring (direct); null when there is none.
+  OSBuf* AllocBuffer(int size);
+  static void _QCallback(OSObj* obj, ADDR addr, ULONG generation);
+  static void _ListenQCallback(OSObj* obj, ADDR addr, ULONG generation);
+  static void StartRetry(OSObj* obj, ADDR unused_addr, ULONG generation);
+  /// Buffer-free callback of a large read: deletes its array.
+  static void LargeBufferCallback(OSObj* array, ADDR unused_addr, ULONG unused_value);
+  /// What the name cache answers: connects to addr (host order), or reports the failure when it is 0.
+  void DNSResult(const char* name, ULONG addr);
+
+  int s;                 ///< the descriptor; -1 without one. Accessed atomically.
+  int rtps;              ///< a second datagram descriptor for sends, -1 without; owned once set
+  bool indirect_socket;  ///< constant after construction
+  int state;             ///< a SocketState. Accessed atomically.
+  bool deleted;  ///< Free has been called. Accessed atomically; set before the monitor thread is woken
+  bool
+      deletedAck;  ///< the monitor thread has let go. Accessed atomically; what it did before is seen after it
+  bool receive_started;  ///< accessed atomically
+  bool big_buffers_allowed;
+  int type;       ///< SOCK_STREAM or SOCK_DGRAM; 0 until Create
+  bool listener;  ///< accessed atomically
+  OSCallbackFunction listenFn;
+  void* listenObj;
+  OSIndirectList earlyData;   ///< given to send before the stream was connected; under local_cs
+  OSQueue listenq;            ///< accepted connections, SocketLinks; under local_cs
+  OSQTrigger listenqtrigger;  ///< runs _ListenQCallback
+  OSQueue q;                  ///< received buffers of an indirect socket; under local_cs
+  OSQTrigger qtrigger;        ///< runs _QCallback
+  pthread_t thread;           ///< the own thread of a direct socket; 0 without one
+  bool running;               ///< reception is running. Accessed atomically.
+  SockAddr loc_sin;           ///< local address
+  SockAddr rem_sin;           ///< peer, or destination of datagrams
+  int rem_sin_len;            ///< 16
+  OSBuf* alloc_buf;           ///< the receive buffer being filled
+  CRITICAL_SECTION local_cs;  ///< after AsyncSocket::cs; held over queue operations, never over an indication
+  RingBuffer* ring;           ///< receive buffers of a direct socket; null without
+  ULONG oob_count;            ///< how often the ring had none. Written by the receive thread, atomically
+  bool dont_read;             ///< too much is waiting in q; written under local_cs, read atomically
+  OSTimerTrigger* startRetry;  ///< tries again to start the thread; made when needed; under cs
+  ULONG retryTimeout;          ///< ms before that
+  DNSEntry* dnsentry;          ///< the name this socket waits for; under DNSEntry::cs
+  bool secure;                 ///< the connection is to run TLS
+  int secure_state;            ///< a SecureState. Accessed atomically.
+  SSLInfo* ssl_info;           ///< null while the connection is clear
+  char* cert;                  ///< certificate file; owned, from malloc
+  char* key;                   ///< private-key file; owned, from malloc
+  char* ca;                    ///< CA file; owned, from malloc
+
+  static bool AsyncInitDone;       ///< Init has run. Accessed atomically.
+  static bool real_hardware;       ///< on the appliance's own hardware; set by the first LookupInterfaceMac
+  static OSIndirectList* sockets;  ///< every live socket, in order of construction; under cs
+  /// The class-wide lock: guards `sockets` and thread starts. The monitor thread holds it while it handles ready
+  /// sockets. Between DNSEntry::cs and a socket's local_cs.
+  static CRITICAL_SECTION cs;
+  static int trace;  ///< 0 silent, 1 normal, 2 adds data; start-up, or any time as a hint
+  static char*
+      local_ifname[7];  ///< interfaces searched for the own address, null at the end; [0] is the primary one
+  static ULONG local_ipaddr;              ///< primary local address, host order; 0 when not set
+  static SockAddr moduleIPAddress;        ///< for the application
+  static SockAddr modulePublicIPAddress;  ///< the outside address; used by LookupIface
+  static pthread_t monitor_thread;        ///< 0 when it is not running
+  static bool monitor_stop;               ///< asks the monitor thread to stop. Accessed atomically.
+  static int sigfd;                       ///< read end of the monitor thread's wake-up pipe
+  static int sigpipefd;                   ///< write end. Accessed atomically.
+  static OSTrigger* dnstrigger;           ///< delivers the name cache's results
+
+ private:
+  friend class DNSEntry;
+  friend class RingBuffer;
+  friend class SocketMonitor;
+  friend class SocketRegistry;
+  friend class TPKTSocket;
+
+  struct __attribute__((visibility("hidden"))) Texts;
+  struct __attribute__((visibility("hidden"))) OwnThread;
+
+  // Creation (asocketX_create.cpp).
+  int create(const Texts& texts, int Atype, UWORD port, ULONG addr, bool reuse_allowed, bool send_timeout);
+  int create_multicast(const Texts& texts, SockAddr& addr, MulticastFlags flags, SockAddr* pifaddr,
+                       bool start);
+  int join_group(const Texts& texts, const SockAddr& interface_addr);
+  void set_multicast_options();
+  void refresh_local_address();
+  SockAddr end_of(const SockAddr& end);
+
+  // Reception (asocketX_receive.cpp, asocketX_thread.cpp).
+  void accept_one();
+  bool wait_until_readable();
+  void drop_urgent_byte();
+  OSBuf* receive_buffer(int* waiting);
+  OSBuf* read_once(OSBuf* buf, int waiting);
+  void hold_back(ULONG delay_ms);
+  bool may_report_exhaustion();
+  void indicate_failure(int code);
+  void indicate(UBYTE what, int reason, int code);
+  void queue_connection(int descriptor, SockAddr& peer);
+  void start_thread_locked();
+  bool connect_blocking();
+  void send_early_data_blocking(const OwnThread& own);
+  void retry_start();
+  void receive_until_stopped(const OwnThread& own);
+  bool is_own_thread();
+  void leave_own_thread();
+
+  // Sending (asocketX_send.cpp).
+  enum class Queued { kQueued, kConnected, kDisconnected };
+  Queued queue_until_connected(OSBuf* buf);
+  bool sends_early_data();
+  OSIORetCode send_stream(OSBuf* buf);
+  OSIORetCode fail_stream(OSBuf* buf, int code);
+  bool wait_for_room(ULONG start, int* code);
+  OSIORetCode send_datagram(OSBuf* buf);
+  int send_some(const UBYTE* bytes, int count);
+
+  // Ending (asocketX_end.cpp).
+  void close_descriptors();
+  void join_own_thread();
+  void drop_queued();
+  void leave_registry();
+  void leave_name_cache();
+
+  /// Tells this socket from an earlier one at the same address; never 0. Constant after construction.
+  ULONG generation_;
+  bool registered_;  ///< may still be called back; under cs
+  OSLink* listed_;   ///< this socket's link in `sockets`; under cs
+
+  // What the monitor thread knows of the socket; under cs unless it says otherwise.
+  int watched_fd_;             ///< registered with the monitor, -1 when none
+  unsigned watched_events_;    ///< what for
+  AsyncSocket* next_changed_;  ///< in the monitor's list of sockets to look at again; under its own lock
+  bool changed_;               ///< is in that list; under the same lock
+  ULONG retry_at_;             ///< tick at which reading or accepting is tried again
+  bool retrying_;              ///< is held back until then
+  bool urgent_;                ///< an urgent byte is what the present Poll is for
+  int connect_error_;          ///< of the connection attempt that Poll has yet to report; 0 for none
+  bool input_held_;            ///< a subclass holds received bytes back until the queue has been taken down
+
+  ULONG exhaustion_at_;  ///< when a listener last said that there are no descriptors; the accepting thread
+  bool exhaustion_reported_;  ///< it has
+
+  /// Held over each send(2), never over a wait, and while the descriptor is closed: a sender never writes into a
+  /// descriptor whose number has been given to another socket. A leaf behind cs and local_cs.
+  std::mutex send_mutex_;
+  OwnThread* own_thread_;  ///< what the running thread of a direct socket keeps on its stack; under cs
+};
+
+#endif

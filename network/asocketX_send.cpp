@@ -1,0 +1,272 @@
+/// The send path: at once on the caller's thread, or queued until the connection is up.
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <mutex>
+
+#include "kernel/kernel.h"
+#include "network/asocketX.h"
+#include "network/asocketX_priv.h"
+
+namespace {
+
+/// What is given before the connection is up is merged into buffers of this size, about what a segment carries.
+constexpr UWORD kMerged_bytes = 1400;
+/// A stream that takes nothing for so long is disconnected.
+constexpr ULONG kSendTimeout_ms = 5000;
+/// How often a wait for room looks whether the socket has been closed.
+constexpr int kRoomWait_ms = 100;
+
+OSBuf* buffer_of(OSListObj* queued) { return static_cast<OSBuf*>(static_cast<OSLinkListObj*>(queued)); }
+
+}  // namespace
+
+OSIORetCode AsyncSocket::DataIndication(OSBuf* buf) {
+  if (seen(state) == SSDisconnected) {
+    buf->Free();
+    return NoConnection;
+  }
+  if (trace >= 2) {
+    const AddressText remote(rem_sin);
+    const AddressText local(loc_sin);
+    diagnostics().Print("%d AsyncSocket::DataIndication - Sending %d bytes to %s:%u from %s:%u", seen(s),
+                        buf->length, remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
+    buf->Print();
+  }
+  if (type == SOCK_DGRAM) return send_datagram(buf);
+  if (seen(state) != SSConnected) {
+    switch (queue_until_connected(buf)) {
+      case Queued::kQueued:
+        return Success;
+      case Queued::kDisconnected:
+        buf->Free();
+        return NoConnection;
+      case Queued::kConnected:
+        break;
+    }
+  }
+  return send_stream(buf);
+}
+
+OSIORetCode AsyncSocket::DataExpeditedIndication(OSBuf* buf) { return DataIndication(buf); }
+
+// ---- Streams -----------------------------------------------------------------------------------------------
+
+/// Whether the calling thread is the one that sends what is queued: it must not wait for itself.
+bool AsyncSocket::sends_early_data() {
+  if (indirect_socket) return SocketMonitor::is_current_thread();
+  const ClassLock lock;
+  return is_own_thread();
+}
+
+AsyncSocket::Queued AsyncSocket::queue_until_connected(OSBuf* buf) {
+  if (trace >= 2) diagnostics().Print("AsyncSocket::DataIndication - Queuing buffer");
+  const SectionLock lock(&local_cs);
+  // The connection may have come up, or failed, since the caller looked: its state changes inside this section.
+  switch (seen(state)) {
+    case SSConnected:
+      return Queued::kConnected;
+    case SSDisconnected:
+      return Queued::kDisconnected;
+    default:
+      break;
+  }
+  OSBuf* const last = buffer_of(earlyData.LastObject());
+  OSBuf* const rest = last != nullptr ? last->Compact(buf, kMerged_bytes) : buf;
+  if (rest != nullptr && earlyData.AppendLink(rest) == nullptr) return Queued::kDisconnected;
+  return Queued::kQueued;
+}
+
+/// One send(2) without waiting. It is never made into a descriptor that Close has closed and another socket been given.
+///   returns   the bytes sent, or -1 with errno; EBADF when the socket is closed
+int AsyncSocket::send_some(const UBYTE* bytes, int count) {
+  const std::lock_guard<std::mutex> lock(send_mutex_);
+  const int fd = seen(s);
+  if (fd == -1) {
+    errno = EBADF;
+    return -1;
+  }
+  return static_cast<int>(send(fd, bytes, static_cast<std::size_t>(count), MSG_NOSIGNAL | MSG_DONTWAIT));
+}
+
+OSIORetCode AsyncSocket::send_stream(OSBuf* buf) {
+  ULONG start = 0;  // of the wait, if there is one: the clock is not asked for what goes at once
+  bool waited = false;
+  const auto note_wait = [&start, &waited] {
+    if (!waited) start = os_clock();
+    waited = true;
+  };
+  while (buf->length != 0) {
+    if (seen(s) == -1 || seen(secure_state) != SecClear) return fail_stream(buf, 0);
+    bool behind = false;
+    {
+      const SectionLock lock(&local_cs);
+      behind = !earlyData.IsEmpty();
+    }
+    if (behind) {
+      // What was queued goes first; nothing overtakes it.
+      if (sends_early_data()) {
+        {
+          const SectionLock lock(&local_cs);
+          if (earlyData.AppendLink(buf) == nullptr) behind = false;
+        }
+        if (!behind) return fail_stream(buf, ENOBUFS);
+        if (indirect_socket) SocketMonitor::look_at(this);
+        return Success;
+      }
+      if (seen(state) != SSConnected) {
+        buf->Free();
+        return NoConnection;
+      }
+      note_wait();
+      if (os_expired(start, kSendTimeout_ms) != FALSE) {
+        diagnostics().Print("%d AsyncSocket::DataIndication: select() timeout, disconnecting", seen(s));
+        return fail_stream(buf, 0);
+      }
+      Sleep(1);
+      continue;
+    }
+    const int sent = send_some(buf->data, buf->length);
+    if (sent >= 0) {
+      buf->PullUp(static_cast<UWORD>(sent));
+      continue;
+    }
+    const int error = errno;
+    if (error == EAGAIN) {
+      int code = 0;
+      note_wait();
+      if (!wait_for_room(start, &code)) return fail_stream(buf, code);
+      continue;
+    }
+    if (seen(s) == -1) return fail_stream(buf, 0);
+    const AddressText remote(rem_sin);
+    const AddressText local(loc_sin);
+    diagnostics().Print("%d AsyncSocket::DataIndication: send() errno=%d to %s:%u from %s:%u", seen(s), error,
+                        remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
+    return fail_stream(buf, error);
+  }
+  buf->Free();
+  return Success;
+}
+
+/// Waits until the stream takes data again, until `start` + 5 s.
+///   returns   false when the send has failed, with its code
+bool AsyncSocket::wait_for_room(ULONG start, int* code) {
+  *code = 0;
+  for (;;) {
+    if (os_expired(start, kSendTimeout_ms) != FALSE) {
+      diagnostics().Print("%d AsyncSocket::DataIndication: select() timeout, disconnecting", seen(s));
+      return false;
+    }
+    const int fd = seen(s);
+    if (fd == -1) return false;
+    pollfd waited{fd, POLLOUT | POLLPRI, 0};
+    const int ready = poll(&waited, 1, kRoomWait_ms);
+    if (ready < 0) {
+      *code = errno;
+      diagnostics().Print("%d AsyncSocket::DataIndication: select() error %d", fd, *code);
+      return false;
+    }
+    if (ready == 0) continue;
+    if (seen(s) == -1) {
+      diagnostics().Print("%d AsyncSocket::DataIndication: socket closed while waiting to send", fd);
+      return false;
+    }
+    if ((waited.revents & POLLPRI) != 0) {
+      diagnostics().Print("%d AsyncSocket::DataIndication: select() error on socket", fd);
+      return false;
+    }
+    return true;
+  }
+}
+
+/// Ends the stream after a failed send.
+///   takes     buf
+OSIORetCode AsyncSocket::fail_stream(OSBuf* buf, int code) {
+  publish(state, int{SSDisconnected});
+  buf->Free();
+  indicate_failure(code);  // a direct socket's partner may free it
+  return Blocked;
+}
+
+// ---- Datagrams ---------------------------------------------------------------------------------------------
+
+OSIORetCode AsyncSocket::send_datagram(OSBuf* buf) {
+  OSIORetCode result = Success;
+  const int count = buf->length;
+  ssize_t sent = sendto(seen(s), buf->data, buf->length, MSG_NOSIGNAL, rem_sin, sizeof(sockaddr_in));
+  if (sent == -1) {
+    const int error = errno;
+    const AddressText remote(rem_sin);
+    const AddressText local(loc_sin);
+    diagnostics().Print("%d AsyncSocket::DataIndication: sendto() errno=%d to %s:%u from %s:%u", seen(s),
+                        error, remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
+    result = NoConnection;
+  } else if (sent < count) {
+    diagnostics().Print("%d AsyncSocket::DataIndication: sent %d bytes of %d", seen(s),
+                        static_cast<int>(sent), count);
+  }
+  if (rtps != -1) {
+    sent = sendto(rtps, buf->data, buf->length, MSG_NOSIGNAL, rem_sin, sizeof(sockaddr_in));
+    if (sent == -1) {
+      const int error = errno;
+      const AddressText remote(rem_sin);
+      const AddressText local(loc_sin);
+      diagnostics().Print("%d AsyncSocket::DataIndication: rtps sendto() errno=%d to %s:%u from %s:%u", rtps,
+                          error, remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
+      result = NoConnection;
+    } else if (sent < count) {
+      diagnostics().Print("%d AsyncSocket::DataIndication: rtps sent %d bytes of %d", rtps,
+                          static_cast<int>(sent), count);
+    }
+  }
+  buf->Free();
+  return result;
+}
+
+OSIORetCode AsyncSocket::DatagramIndication(OSBuf* buf, void* /*source*/, void* dest) {
+  const bool connected = seen(state) == SSConnected;
+  if (dest == nullptr && !connected) {
+    buf->Free();
+    return Blocked;
+  }
+  SockAddr to(rem_sin);
+  if (!connected) to = static_cast<sockaddr*>(dest);
+  if (trace >= 2) {
+    const AddressText remote(to);
+    const AddressText local(loc_sin);
+    diagnostics().Print("%d AsyncSocket::DatagramIndication - Sending %d bytes to %s:%u from %s:%u", seen(s),
+                        buf->length, remote.c_str(), to.Port(), local.c_str(), loc_sin.Port());
+    buf->Print();
+  }
+  const auto detail = [buf](int fd, SockAddr& destination) {
+    const AddressText text(destination);
+    diagnostics().Print(
+        "    sendto(socket=%d, buffer=%p, length=%d, flags=%d, dest_addr=%p (%s:%u), dest_len=%d", fd,
+        static_cast<void*>(buf->data), buf->length, 0,
+        static_cast<void*>(static_cast<sockaddr*>(destination)), text.c_str(), destination.Port(),
+        static_cast<int>(sizeof(sockaddr_in)));
+  };
+  OSIORetCode result = Success;
+  if (sendto(seen(s), buf->data, buf->length, MSG_NOSIGNAL, to, sizeof(sockaddr_in)) == -1) {
+    const int error = errno;
+    const AddressText remote(to);
+    const AddressText local(loc_sin);
+    diagnostics().Print("%d AsyncSocket::DatagramIndication: sendto() errno=%d, to %s:%u from %s:%u", seen(s),
+                        error, remote.c_str(), to.Port(), local.c_str(), loc_sin.Port());
+    detail(seen(s), to);
+    result = NoConnection;
+  }
+  if (rtps != -1 && sendto(rtps, buf->data, buf->length, MSG_NOSIGNAL, rem_sin, sizeof(sockaddr_in)) == -1) {
+    const int error = errno;
+    const AddressText remote(rem_sin);
+    const AddressText local(loc_sin);
+    diagnostics().Print("%d AsyncSocket::DatagramIndication: sendto() errno=%d to %s:%u from %s:%u", seen(s),
+                        error, remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
+    detail(rtps, rem_sin);
+    result = NoConnection;
+  }
+  buf->Free();
+  return result;
+}

@@ -1,0 +1,220 @@
+/// Starting reception, and the threads of direct sockets.
+#include <pthread.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "kernel/kernel.h"
+#include "network/asocketX.h"
+#include "network/asocketX_priv.h"
+#include "network/ringbuffer.h"
+
+namespace {
+
+constexpr int kRingBuffers = 32;
+/// Only an interval up to this is doubled. Deliberate: with the default of 500 ms it stays as it is. Programs that set
+/// a short one get a growing one. Pinned by socket_direct_start_test.cpp.
+constexpr ULONG kDoubledUpTo_ms = 15;
+constexpr ULONG kAcceptBackOff_ms = 100;
+
+OSBuf* buffer_of(OSListObj* queued) { return static_cast<OSBuf*>(static_cast<OSLinkListObj*>(queued)); }
+
+}  // namespace
+
+/// On the stack of a direct socket's thread. The partner may free the socket on this thread, inside an indication:
+/// the thread learns it here and touches the socket no more.
+struct AsyncSocket::OwnThread {
+  OwnThread() = default;
+  OwnThread(const OwnThread&) = delete;
+  OwnThread& operator=(const OwnThread&) = delete;
+
+  bool gone = false;
+};
+
+bool AsyncSocket::is_own_thread() { return thread != 0 && pthread_equal(thread, pthread_self()) != 0; }
+
+void AsyncSocket::leave_own_thread() {
+  if (own_thread_ != nullptr) own_thread_->gone = true;
+  own_thread_ = nullptr;
+}
+
+// ---- Starting ----------------------------------------------------------------------------------------------
+
+void AsyncSocket::StartTask() {
+  if (!indirect_socket && !seen(running)) join_own_thread();  // one that has ended by itself
+  {
+    const ClassLock lock;
+    if (!indirect_socket) {
+      start_thread_locked();
+      return;
+    }
+    if (!seen(listener)) publish(receive_started, true);
+    publish(running, true);
+    if (trace != 0) diagnostics().Print("AsyncSocket::StartTask - waking monitor thread");
+  }
+  SocketMonitor::look_at(this);
+}
+
+void AsyncSocket::start_thread_locked() {
+  if (thread != 0) return;  // it is receiving
+  if (!seen(listener)) publish(receive_started, true);
+  publish(running, true);
+  pthread_t started = 0;
+  const int error = pthread_create(&started, &std_thread_attr, seen(listener) ? ListenMain : Main,
+                                   static_cast<LPVOID>(this));
+  if (error == 0) {
+    thread = started;
+  } else {
+    diagnostics().Print("%d AsyncSocket::StartTask failed, errno %d - retrying in %lums...", seen(s), error,
+                        static_cast<unsigned long>(retryTimeout));
+    if (startRetry == nullptr) {
+      startRetry = new OSTimerTrigger(0, 1);
+      startRetry->SetCallback(StartRetry, reinterpret_cast<OSObj*>(this), nullptr, generation_);
+    }
+    startRetry->SetTimer(retryTimeout);
+    if (retryTimeout <= kDoubledUpTo_ms) retryTimeout *= 2;
+  }
+  if (trace != 0) {
+    diagnostics().Print("%d AsyncSocket::StartTask - thread %p", seen(s), printable(thread));
+  }
+}
+
+void AsyncSocket::StartRetry(OSObj* obj, ADDR /*unused_addr*/, ULONG generation) {
+  auto* const socket = reinterpret_cast<AsyncSocket*>(obj);
+  const SocketRegistry::Visit visit(socket, generation);
+  // Closed meanwhile: nothing is to be received any more.
+  if (!visit.gone() && seen(socket->running)) socket->retry_start();
+}
+
+void AsyncSocket::retry_start() {
+  const ClassLock lock;
+  start_thread_locked();
+}
+
+// ---- The threads -------------------------------------------------------------------------------------------
+
+void* AsyncSocket::Main(LPVOID p) {
+  auto* const socket = static_cast<AsyncSocket*>(p);
+  OwnThread own;
+  socket->own_thread_ = &own;
+  if (trace != 0) diagnostics().Print("%d AsyncSocket::Main - Started receive thread", seen(socket->s));
+  socket->receive_until_stopped(own);
+  if (!own.gone) socket->own_thread_ = nullptr;
+  return nullptr;
+}
+
+void AsyncSocket::receive_until_stopped(const OwnThread& own) {
+  if (type == SOCK_STREAM && seen(state) == SSInitial) {
+    if (!connect_blocking() || own.gone) return;
+    send_early_data_blocking(own);
+    if (own.gone) return;
+  }
+  if (ring == nullptr) ring = new RingBuffer(kRingBuffers);
+  while (!own.gone && seen(running)) Poll();
+  if (!own.gone && trace != 0) diagnostics().Print("%d AsyncSocket::Main - Stopped receive thead", seen(s));
+}
+
+/// Connects, in two attempts, and indicates the outcome.
+///   returns   false when the thread is to end
+bool AsyncSocket::connect_blocking() {
+  const auto report = [this](bool last) {
+    const int error = errno;
+    const AddressText remote(rem_sin);
+    const AddressText local(loc_sin);
+    if (last) {
+      diagnostics().Print("%d AsyncSocket::Main connect() errno=%d to %s:%u from %s:%u FAILED", seen(s),
+                          error, remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
+    } else {
+      diagnostics().Print("%d AsyncSocket::Main connect() errno=%d to %s:%u from %s:%u RETRYING", seen(s),
+                          error, remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
+    }
+  };
+  if (connect(seen(s), rem_sin, sizeof(sockaddr_in)) == -1) {
+    report(false);
+    if (connect(seen(s), rem_sin, sizeof(sockaddr_in)) == -1) {
+      report(true);
+      publish(state, int{SSDisconnected});
+      publish(running, false);
+      indicate(1, Timeout, 0);  // the partner may free the socket
+      return false;
+    }
+  }
+  SockAddr local;
+  socklen_t length = sizeof(sockaddr_in);
+  if (getsockname(seen(s), local, &length) == -1) {
+    const int error = errno;
+    const AddressText remote(rem_sin);
+    diagnostics().Print("%d AsyncSocket::Main getsockname() errno=%d to %s:%u", seen(s), error,
+                        remote.c_str(), rem_sin.Port());
+  } else {
+    loc_sin = local;
+  }
+  {
+    const SectionLock lock(&local_cs);
+    // Close may have come first: then there is no connection to speak of.
+    if (!seen(running)) return false;
+    publish(state, int{SSConnected});
+  }
+  indicate(0, 0, 0);
+  return true;
+}
+
+void AsyncSocket::send_early_data_blocking(const OwnThread& own) {
+  if (trace != 0) diagnostics().Print("AsyncSocket::Main - Forwarding queued data");
+  for (;;) {
+    OSBuf* buf = nullptr;
+    {
+      const SectionLock lock(&local_cs);
+      buf = buffer_of(earlyData.FirstObject());
+    }
+    if (buf == nullptr) return;
+    while (buf->length != 0) {
+      const ssize_t sent = send(seen(s), buf->data, buf->length, MSG_NOSIGNAL);
+      if (sent == -1 && errno == EINTR) continue;
+      if (sent <= 0) {
+        const int error = errno;
+        const AddressText remote(rem_sin);
+        const AddressText local(loc_sin);
+        diagnostics().Print("%d AsyncSocket::Main send() errno=%d to %s:%u from %s:%u", seen(s), error,
+                            remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
+        break;
+      }
+      buf->PullUp(static_cast<UWORD>(sent));
+    }
+    {
+      const SectionLock lock(&local_cs);
+      earlyData.Remove(buf);
+    }
+    buf->Free();  // its callbacks are the application's
+    if (own.gone) return;
+  }
+}
+
+void* AsyncSocket::ListenMain(LPVOID p) {
+  auto* const socket = static_cast<AsyncSocket*>(p);
+  if (trace != 0) diagnostics().Print("%d AsyncSocket::ListenMain - Started listen thead", seen(socket->s));
+  while (seen(socket->running)) {
+    SockAddr peer;
+    socklen_t length = sizeof(sockaddr_in);
+    const int fd = accept(seen(socket->s), peer, &length);
+    if (fd == -1) {
+      const int error = errno;
+      const bool exhausted = error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+      if (!exhausted || socket->may_report_exhaustion()) {
+        diagnostics().Print("%d AsyncSocket::ListenMain - accept error %d", seen(socket->s), error);
+      }
+      if (error == EINTR || error == ECONNABORTED) continue;
+      if (!exhausted) break;
+      Sleep(kAcceptBackOff_ms);
+      continue;
+    }
+    if (trace != 0) {
+      const AddressText remote(peer);
+      diagnostics().Print("%d AsyncSocket::ListenMain - new connection %d from %s, %u", seen(socket->s), fd,
+                          remote.c_str(), peer.Port());
+    }
+    socket->queue_connection(fd, peer);
+  }
+  if (trace != 0) diagnostics().Print("%d AsyncSocket::ListenMain - Stopped listen thead", seen(socket->s));
+  return nullptr;
+}
