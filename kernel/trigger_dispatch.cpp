@@ -281,12 +281,18 @@ void OSTriggerTask::Main() {
   while (!told(done)) {
     os_check_triggers();
     int delay_ms = 0;
+    bool polls = false;
     {
       const SectionLock lock(&OS_CRITICAL_TRIGGER);
       delay_ms = OSTriggerDispatch::next_delay_ms_locked();
+      polls = OS_POLL_LIST.First() != nullptr;
     }
     if (delay_ms != 0) SetEvent(load(os_trig_timer_event));
-    WaitForSingleObject(load(os_trig_event), kForever);
+    const HANDLE event = load(os_trig_event);
+    WaitForSingleObject(event, kForever);
+    // One pass finds all that is ready. Poll triggers are asked as often as somebody signals.
+    while (!polls && WaitForSingleObject(event, 0) == 0) {
+    }
   }
 }
 

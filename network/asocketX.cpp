@@ -37,6 +37,9 @@ constinit std::mutex init_mutex;
 /// cs is initialised: tells who may enter it. Its store publishes the section, its load is what ClassLock begins with.
 constinit std::atomic<bool> class_lock_ready{false};
 
+/// How many ClassLocks hold cs or wait for it.
+constinit std::atomic<int> class_lock_users{0};
+
 /// All of it is there: Init has nothing to do. Published last, read first.
 constinit std::atomic<bool> layer_ready{false};
 
@@ -44,9 +47,18 @@ constinit std::atomic<bool> layer_ready{false};
 
 // ---- Diagnostics and sections ------------------------------------------------------------------------------
 
+namespace {
+
+/// A base console discards what it is given, but does not come back from a fatal report.
+class SilentConsole : public OSConsole {
+ public:
+  void Fatal(const char* /*format*/, ...) override OSKERNEL_PRINTF(2, 3) {}
+};
+
+}  // namespace
+
 OSConsole& diagnostics() {
-  // A base console discards what it is given.
-  static OSConsole silent;
+  static SilentConsole silent;
   OSConsole* const console = Console;
   return console != nullptr ? *console : silent;
 }
@@ -56,12 +68,22 @@ AddressText::AddressText(const SockAddr& address) : text_{} {
   inet_ntop(AF_INET, &raw, text_, sizeof text_);
 }
 
-ClassLock::ClassLock() : held_(class_lock_ready.load()) {
-  if (held_) EnterCriticalSection(&AsyncSocket::cs);
+// With Cleanup's store to class_lock_ready and its look at the count: one of the two threads sees what the other has
+// done, and cs is deleted when nobody is in it or on the way.
+ClassLock::ClassLock() {
+  class_lock_users.fetch_add(1);
+  held_ = class_lock_ready.load();
+  if (held_) {
+    EnterCriticalSection(&AsyncSocket::cs);
+  } else {
+    class_lock_users.fetch_sub(1);
+  }
 }
 
 ClassLock::~ClassLock() {
-  if (held_) LeaveCriticalSection(&AsyncSocket::cs);
+  if (!held_) return;
+  LeaveCriticalSection(&AsyncSocket::cs);
+  class_lock_users.fetch_sub(1);
 }
 
 // ---- Construction ------------------------------------------------------------------------------------------
@@ -107,11 +129,13 @@ AsyncSocket::AsyncSocket(bool indirect)
       retry_at_(0),
       retrying_(false),
       urgent_(false),
+      early_waiting_(false),
       connect_error_(0),
+      reading_stopped_(false),
       input_held_(false),
       exhaustion_at_(0),
       exhaustion_reported_(false),
-      own_thread_(nullptr) {
+      thread_abandoned_(false) {
   Init();
   listenqtrigger.SetTask(nullptr);
   qtrigger.SetCallback(_QCallback, reinterpret_cast<OSObj*>(this), nullptr, generation_);
@@ -172,6 +196,7 @@ void AsyncSocket::Cleanup() {
       stop_ring_cleanup();
     }
     class_lock_ready.store(false);
+    while (class_lock_users.load() != 0) Sleep(1);
     DeleteCriticalSection(&cs);
     publish(AsyncInitDone, false);
   }
@@ -186,22 +211,18 @@ void AsyncSocket::WakeMonitorThread() { SocketMonitor::look_at_all(); }
 
 // ---- Who is alive ------------------------------------------------------------------------------------------
 
-namespace {
-
-/// What the registry knows, never destroyed: callbacks may run while the process ends.
-struct Registry {
+/// Never destroyed: callbacks may run while the process ends.
+struct SocketRegistry::Known {
   std::mutex mutex;  ///< a leaf
   std::unordered_map<AsyncSocket*, ULONG> alive;
-  SocketRegistry::Visit* visits = nullptr;
+  SocketVisit* visits = nullptr;
   ULONG last_generation = 0;
 };
 
-Registry& registry() {
-  static Registry* const the = new Registry;
+SocketRegistry::Known& SocketRegistry::known() {
+  static Known* const the = new Known;
   return *the;
 }
-
-}  // namespace
 
 /// A thread that waits in Free for others to leave the socket's callbacks.
 struct SocketRegistry::Waiter {
@@ -213,42 +234,42 @@ struct SocketRegistry::Waiter {
 constinit SocketRegistry::Waiter* SocketRegistry::Waiter::first = nullptr;
 
 ULONG SocketRegistry::add(AsyncSocket* socket) {
-  Registry& known = registry();
-  const std::lock_guard<std::mutex> lock(known.mutex);
-  if (++known.last_generation == 0) ++known.last_generation;
-  known.alive[socket] = known.last_generation;
-  return known.last_generation;
+  Known& all = known();
+  const std::lock_guard<std::mutex> lock(all.mutex);
+  if (++all.last_generation == 0) ++all.last_generation;
+  all.alive[socket] = all.last_generation;
+  return all.last_generation;
 }
 
 void SocketRegistry::remove(AsyncSocket* socket) {
-  Registry& known = registry();
-  const std::lock_guard<std::mutex> lock(known.mutex);
-  known.alive.erase(socket);
+  Known& all = known();
+  const std::lock_guard<std::mutex> lock(all.mutex);
+  all.alive.erase(socket);
 }
 
 bool SocketRegistry::is_alive(AsyncSocket* socket, ULONG generation) {
-  Registry& known = registry();
-  const std::lock_guard<std::mutex> lock(known.mutex);
-  const auto found = known.alive.find(socket);
-  return found != known.alive.end() && (generation == 0 || found->second == generation);
+  Known& all = known();
+  const std::lock_guard<std::mutex> lock(all.mutex);
+  const auto found = all.alive.find(socket);
+  return found != all.alive.end() && (generation == 0 || found->second == generation);
 }
 
-SocketRegistry::Visit::Visit(AsyncSocket* socket, ULONG generation)
+SocketVisit::SocketVisit(AsyncSocket* socket, ULONG generation)
     : socket_(nullptr), thread_(pthread_self()), gone_(true), next_(nullptr) {
-  Registry& known = registry();
-  const std::lock_guard<std::mutex> lock(known.mutex);
-  const auto found = known.alive.find(socket);
-  if (found == known.alive.end() || (generation != 0 && found->second != generation)) return;
+  SocketRegistry::Known& all = SocketRegistry::known();
+  const std::lock_guard<std::mutex> lock(all.mutex);
+  const auto found = all.alive.find(socket);
+  if (found == all.alive.end() || (generation != 0 && found->second != generation)) return;
   socket_ = socket;
   gone_.store(false, std::memory_order_relaxed);
-  next_ = known.visits;
-  known.visits = this;
+  next_ = all.visits;
+  all.visits = this;
 }
 
-SocketRegistry::Visit::~Visit() {
-  Registry& known = registry();
-  const std::lock_guard<std::mutex> lock(known.mutex);
-  for (Visit** at = &known.visits; *at != nullptr; at = &(*at)->next_) {
+SocketVisit::~SocketVisit() {
+  SocketRegistry::Known& all = SocketRegistry::known();
+  const std::lock_guard<std::mutex> lock(all.mutex);
+  for (SocketVisit** at = &all.visits; *at != nullptr; at = &(*at)->next_) {
     if (*at != this) continue;
     *at = next_;
     return;
@@ -262,7 +283,7 @@ bool SocketRegistry::waits_for_locked(pthread_t thread, pthread_t self, int dept
   if (depth == kMostWaiters) return true;
   for (const Waiter* waiter = Waiter::first; waiter != nullptr; waiter = waiter->next) {
     if (pthread_equal(waiter->thread, thread) == 0) continue;
-    for (const Visit* visit = registry().visits; visit != nullptr; visit = visit->next_) {
+    for (const SocketVisit* visit = known().visits; visit != nullptr; visit = visit->next_) {
       if (visit->socket_ != waiter->socket || pthread_equal(visit->thread_, thread) != 0) continue;
       if (pthread_equal(visit->thread_, self) != 0 || waits_for_locked(visit->thread_, self, depth + 1))
         return true;
@@ -271,27 +292,29 @@ bool SocketRegistry::waits_for_locked(pthread_t thread, pthread_t self, int dept
   return false;
 }
 
-void SocketRegistry::wait_for_visitors(AsyncSocket* socket) {
-  Registry& known = registry();
+bool SocketRegistry::wait_for_visitors(AsyncSocket* socket) {
+  Known& all = known();
   const pthread_t self = pthread_self();
   Waiter waiter{self, socket, nullptr};
   {
-    const std::lock_guard<std::mutex> lock(known.mutex);
+    const std::lock_guard<std::mutex> lock(all.mutex);
     waiter.next = Waiter::first;
     Waiter::first = &waiter;
   }
+  bool inside = false;
   for (bool wait = true; wait;) {
     wait = false;
     {
-      const std::lock_guard<std::mutex> lock(known.mutex);
-      for (Visit* visit = known.visits; visit != nullptr; visit = visit->next_) {
+      const std::lock_guard<std::mutex> lock(all.mutex);
+      for (SocketVisit* visit = all.visits; visit != nullptr; visit = visit->next_) {
         if (visit->socket_ != socket || pthread_equal(visit->thread_, self) != 0) continue;
         if (!waits_for_locked(visit->thread_, self, 0)) wait = true;
       }
       if (!wait) {
         // Who is still inside is this thread itself, or waits for it and will find the socket gone.
-        for (Visit* visit = known.visits; visit != nullptr; visit = visit->next_) {
+        for (SocketVisit* visit = all.visits; visit != nullptr; visit = visit->next_) {
           if (visit->socket_ != socket) continue;
+          inside = true;
           visit->socket_ = nullptr;
           visit->gone_.store(true, std::memory_order_relaxed);
         }
@@ -302,4 +325,5 @@ void SocketRegistry::wait_for_visitors(AsyncSocket* socket) {
     }
     if (wait) Sleep(1);
   }
+  return inside;
 }

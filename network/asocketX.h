@@ -30,6 +30,7 @@ class RingBuffer;
 class SSLInfo;
 class SocketMonitor;
 class SocketRegistry;
+class SocketVisit;
 
 enum SocketState { SSInitial = 0, SSConnecting = 1, SSConnected = 2, SSDisconnected = 3 };
 enum SecureState { SecClear = 0, SecHandshake = 1, SecSecure = 2 };
@@ -166,7 +167,7 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   /// Deliberate: when fn deletes the listener itself, the dispatching thread keeps AsyncSocket::cs for good, and with
   /// it the networking of the process stands still: programs that end that way rely on nothing more being accepted
   /// or indicated. To retire a listener safely, Free it outside fn, from a timer's callback for instance. Pinned by
-  /// socket_listen_test.cpp.
+  /// socket_listen_test.cpp, TheThreadThatDispatchedKeepsTheClassSectionWhenTheCallbackDeletesItsListener.
   int Listen(OSCallbackFunction fn, void* obj);
   /// Accepts one connection now, for programs that wait for the listener themselves.
   ///   skt         adopts the connection
@@ -297,7 +298,6 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   friend class TPKTSocket;
 
   struct __attribute__((visibility("hidden"))) Texts;
-  struct __attribute__((visibility("hidden"))) OwnThread;
 
   // Creation (asocketX_create.cpp).
   int create(const Texts& texts, int Atype, UWORD port, ULONG addr, bool reuse_allowed, bool send_timeout);
@@ -312,6 +312,9 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   void accept_one();
   bool wait_until_readable();
   void drop_urgent_byte();
+  OSBuf* take_received(int* left);
+  bool stop_reading();
+  int waiting_bytes();
   OSBuf* receive_buffer(int* waiting);
   OSBuf* read_once(OSBuf* buf, int waiting);
   void hold_back(ULONG delay_ms);
@@ -321,15 +324,16 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   void queue_connection(int descriptor, SockAddr& peer);
   void start_thread_locked();
   bool connect_blocking();
-  void send_early_data_blocking(const OwnThread& own);
   void retry_start();
-  void receive_until_stopped(const OwnThread& own);
+  void receive_until_stopped(const SocketVisit& visit);
+  void send_early_data_blocking(const SocketVisit& visit);
   bool is_own_thread();
-  void leave_own_thread();
 
   // Sending (asocketX_send.cpp).
   enum class Queued { kQueued, kConnected, kDisconnected };
   Queued queue_until_connected(OSBuf* buf);
+  bool append_early_locked(OSBuf* buf);
+  void remove_early(OSBuf* buf);
   bool sends_early_data();
   OSIORetCode send_stream(OSBuf* buf);
   OSIORetCode fail_stream(OSBuf* buf, int code);
@@ -341,6 +345,7 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   void close_descriptors();
   void join_own_thread();
   void drop_queued();
+  void stop_receiving();
   void leave_registry();
   void leave_name_cache();
 
@@ -357,8 +362,12 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   ULONG retry_at_;             ///< tick at which reading or accepting is tried again
   bool retrying_;              ///< is held back until then
   bool urgent_;                ///< an urgent byte is what the present Poll is for
+  bool early_waiting_;         ///< earlyData is not empty; written under local_cs, read atomically
   int connect_error_;          ///< of the connection attempt that Poll has yet to report; 0 for none
-  bool input_held_;            ///< a subclass holds received bytes back until the queue has been taken down
+  /// The monitor thread reads no more because of dont_read, and wants to be told when it may. Accessed atomically; see
+  /// stop_reading.
+  bool reading_stopped_;
+  bool input_held_;  ///< a subclass holds received bytes back until the queue has been taken down
 
   ULONG exhaustion_at_;  ///< when a listener last said that there are no descriptors; the accepting thread
   bool exhaustion_reported_;  ///< it has
@@ -366,7 +375,8 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   /// Held over each send(2), never over a wait, and while the descriptor is closed: a sender never writes into a
   /// descriptor whose number has been given to another socket. A leaf behind cs and local_cs.
   std::mutex send_mutex_;
-  OwnThread* own_thread_;  ///< what the running thread of a direct socket keeps on its stack; under cs
+  /// Whoever destroys the socket could not wait for its thread to leave it: the thread is let go, not joined.
+  bool thread_abandoned_;
 };
 
 #endif

@@ -24,7 +24,10 @@ SocketLink* connection_of(OSListObj* queued) {
 // ---- Connecting --------------------------------------------------------------------------------------------
 
 int AsyncSocket::Connect(ULONG addr, UWORD port) {
-  rem_sin.Set(addr, port);
+  {
+    const SectionLock lock(&local_cs);
+    rem_sin.Set(addr, port);
+  }
   if (rem_sin.IsMulticast()) set_multicast_options();
   if (type == SOCK_DGRAM) {
     publish(state, int{SSConnected});
@@ -41,7 +44,10 @@ int AsyncSocket::Connect(const char* addr, UWORD port) {
   const in_addr_t parsed = inet_addr(text);
   if (parsed != INADDR_NONE && parsed != INADDR_ANY) return Connect(ntohl(parsed), port);
   if (parsed == INADDR_NONE && *text != '\0') {
-    rem_sin.SPort(port);
+    {
+      const SectionLock lock(&local_cs);
+      rem_sin.SPort(port);
+    }
     const ULONG known = DNSEntry::Lookup(text, this);
     if (known != 0) DNSResult(text, known);
     return 0;
@@ -80,7 +86,7 @@ int AsyncSocket::Listen(OSCallbackFunction fn, void* obj) {
 
 void AsyncSocket::_ListenQCallback(OSObj* obj, ADDR /*unused*/, ULONG generation) {
   auto* const own = reinterpret_cast<AsyncSocket*>(obj);
-  const SocketRegistry::Visit visit(own, generation);
+  const SocketVisit visit(own, generation);
   if (visit.gone()) return;
   const auto take = [own](bool arm) {
     const SectionLock lock(&own->local_cs);
@@ -102,7 +108,8 @@ void AsyncSocket::_ListenQCallback(OSObj* obj, ADDR /*unused*/, ULONG generation
     }
     delete connection;
     if (visit.gone()) {
-      // Deliberate: returns inside cs, as Listen warns. Pinned by socket_listen_test.cpp.
+      // Deliberate: returns inside cs, as Listen warns. Pinned by socket_listen_test.cpp,
+      // TheThreadThatDispatchedKeepsTheClassSectionWhenTheCallbackDeletesItsListener.
       EnterCriticalSection(&cs);
       return;
     }
@@ -115,10 +122,16 @@ int AsyncSocket::Accept(AsyncSocket* skt, ULONG* addr, UWORD* port) {
   socklen_t length = sizeof(sockaddr_in);
   const int fd = accept(seen(s), peer, &length);
   if (fd == -1) return errno;
-  rem_sin = peer;
+  {
+    const SectionLock lock(&local_cs);
+    rem_sin = peer;
+  }
   skt->Create(type, fd);
-  skt->rem_sin = rem_sin;
-  if (addr != nullptr) *addr = rem_sin.Address();
-  if (port != nullptr) *port = rem_sin.Port();
+  {
+    const SectionLock lock(&skt->local_cs);
+    skt->rem_sin = peer;
+  }
+  if (addr != nullptr) *addr = peer.Address();
+  if (port != nullptr) *port = peer.Port();
   return 0;
 }

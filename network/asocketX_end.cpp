@@ -12,6 +12,11 @@
 #include "network/dnsentry.h"
 #include "network/ringbuffer.h"
 
+// Close and Free ask whether they have an object.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wnonnull-compare"
+#endif
+
 namespace {
 
 OSBuf* buffer_of(OSListObj* queued) { return static_cast<OSBuf*>(static_cast<OSLinkListObj*>(queued)); }
@@ -22,6 +27,8 @@ SocketLink* connection_of(OSListObj* queued) {
 }  // namespace
 
 void AsyncSocket::Shutdown() {
+  // While the descriptor is closed its number may already be another socket's.
+  const std::lock_guard<std::mutex> lock(send_mutex_);
   const int fd = seen(s);
   if (fd != -1) shutdown(fd, SHUT_RDWR);
 }
@@ -34,7 +41,7 @@ void AsyncSocket::join_own_thread() {
   pthread_t ending = 0;
   {
     const ClassLock lock;
-    if (thread == 0 || is_own_thread()) return;
+    if (thread == 0 || thread_abandoned_ || is_own_thread()) return;
     ending = thread;
   }
   if (trace != 0) {
@@ -78,7 +85,10 @@ void AsyncSocket::drop_queued() {
         buf = buffer_of(earlyData.FirstObject());
         if (buf != nullptr) earlyData.Remove(buf);
       }
-      if (buf == nullptr) publish(dont_read, false);
+      if (buf == nullptr) {
+        publish(dont_read, false);
+        publish(early_waiting_, false);
+      }
     }
     if (buf == nullptr) return;
     buf->Free();
@@ -86,6 +96,7 @@ void AsyncSocket::drop_queued() {
 }
 
 void AsyncSocket::Close() {
+  if (this == nullptr) return;  // as in Free
   if (trace != 0) {
     diagnostics().Print("%d AsyncSocket::Close - thread %p, running %d", seen(s), printable(thread),
                         seen(running) ? 1 : 0);
@@ -110,6 +121,15 @@ void AsyncSocket::Close() {
 
 // ---- Deleting ----------------------------------------------------------------------------------------------
 
+/// Makes the socket's own thread, if it has one, come to its end.
+void AsyncSocket::stop_receiving() {
+  {
+    const ClassLock lock;
+    publish(running, false);
+  }
+  Shutdown();
+}
+
 /// From here on no callback begins in this socket; one that another thread is in is waited for.
 void AsyncSocket::leave_registry() {
   {
@@ -119,24 +139,20 @@ void AsyncSocket::leave_registry() {
     registered_ = false;
     SocketRegistry::remove(this);
   }
-  SocketRegistry::wait_for_visitors(this);
+  if (SocketRegistry::wait_for_visitors(this)) thread_abandoned_ = true;
 }
 
 void AsyncSocket::leave_name_cache() {
   if (seen(DNSEntry::csinit) == 0) return;
   const SectionLock lock(&DNSEntry::cs);
-  // The entry may have been dropped while this socket waited for it.
-  if (dnsentry != nullptr && DNSEntry::entries.PosInList(dnsentry) >= 0) dnsentry->Cancel(this);
+  if (dnsentry != nullptr) dnsentry->Cancel(this);
   dnsentry = nullptr;
 }
 
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnonnull-compare"
-#endif
 void AsyncSocket::Free() {
   // Deliberate: programs free sockets that they may never have made. This file is compiled with
-  // -fno-delete-null-pointer-checks, without which compilers drop the test. Pinned by socket_free_test.cpp.
+  // -fno-delete-null-pointer-checks, without which compilers drop the test. Pinned by socket_free_test.cpp,
+  // IgnoresANullSocket.
   if (this == nullptr) return;
   leave_name_cache();
   if (indirect_socket) {
@@ -148,14 +164,14 @@ void AsyncSocket::Free() {
     if (trace != 0) diagnostics().Print("AsyncSocket::Free - waking monitor thread");
     SocketMonitor::look_at(this);
     SocketMonitor::wait_for_release(this);
+  } else {
+    // Before the destructor of a derived class takes away what its thread uses.
+    stop_receiving();
   }
   leave_registry();
   if (trace != 0) diagnostics().Print("AsyncSocket::Free - deleting %p", static_cast<void*>(this));
   delete this;
 }
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic pop
-#endif
 
 AsyncSocket::~AsyncSocket() {
   std::free(cert);
@@ -169,6 +185,7 @@ AsyncSocket::~AsyncSocket() {
     diagnostics().Print("%d AsyncSocket::~AsyncSocket - %p, thread %p", seen(s), static_cast<void*>(this),
                         printable(thread));
   }
+  stop_receiving();
   leave_registry();
   delete startRetry;
   listenqtrigger.Cancel();
@@ -196,8 +213,7 @@ AsyncSocket::~AsyncSocket() {
   if (ring != nullptr) ring->Free();
   ring = nullptr;
   if (thread != 0) {
-    // Freed on its own thread, inside an indication: there is nobody to join it.
-    leave_own_thread();
+    // Freed inside an indication on its own thread, or by one that it waits for: it has been told, and ends by itself.
     pthread_detach(thread);
   }
   DeleteCriticalSection(&local_cs);

@@ -1,6 +1,7 @@
 /// The monitor thread: which sockets it watches, connecting, and the data given before the connection was up.
 #include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/epoll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -47,6 +48,8 @@ class DescriptorSet {
 
 /// One batch: long enough that a wake-up serves many sockets, short enough that others who want cs get it.
 constexpr int kMostEvents = 64;
+/// From this size on, a batch is a sign that the next one is not far.
+constexpr int kBusyFrom_events = 2;
 /// How often the thread looks by itself when nobody could wake it, because the pipe failed.
 constexpr int kWithoutPipe_ms = 100;
 
@@ -77,6 +80,9 @@ std::atomic<pthread_t> monitor_id{0};
 std::mutex release_mutex;
 std::condition_variable released;
 
+/// No descriptor's.
+constexpr std::uint64_t kPipeTicket = ~std::uint64_t{0};
+
 std::uint64_t ticket(int fd, std::uint32_t generation) {
   return (std::uint64_t{generation} << 32U) | static_cast<std::uint32_t>(fd);
 }
@@ -89,6 +95,7 @@ AsyncSocket* socket_of(OSListObj* listed) { return static_cast<AsyncSocket*>(sta
 struct SocketMonitor::Events {
   std::array<epoll_event, kMostEvents> list;
   DescriptorSet ready;
+  bool busy = false;  ///< the last batch was one of several events
 };
 
 // ---- Changes and wake-ups ----------------------------------------------------------------------------------
@@ -253,14 +260,10 @@ unsigned SocketMonitor::interest_locked(AsyncSocket* socket) {
   }
   if (socket->type == SOCK_STREAM) {
     const int state = seen(socket->state);
-    bool early = false;
-    if (state == SSConnected) {
-      const SectionLock lock(&socket->local_cs);
-      early = !socket->earlyData.IsEmpty();
-    }
+    const bool early = state == SSConnected && seen(socket->early_waiting_);
     if (state == SSConnecting || early) events |= EPOLLOUT;
   }
-  if (seen(socket->dont_read)) {
+  if (socket->stop_reading()) {
     if (AsyncSocket::trace != 0) {
       diagnostics().Print("%d AsyncSocket::MonitorThread - dont_read set", seen(socket->s));
     }
@@ -379,6 +382,7 @@ void SocketMonitor::finish_connect_locked(AsyncSocket* socket) {
     diagnostics().Print("%d AsyncSocket::MonitorThread - getsockname() errno=%d to %s:%u", fd, errno,
                         remote.c_str(), port);
   } else {
+    const SectionLock lock(&socket->local_cs);
     socket->loc_sin = local;
   }
   if (AsyncSocket::trace != 0) {
@@ -421,10 +425,7 @@ void SocketMonitor::send_early_data_locked(AsyncSocket* socket) {
       buf->PullUp(static_cast<UWORD>(sent));
       return;
     }
-    {
-      const SectionLock lock(&socket->local_cs);
-      socket->earlyData.Remove(buf);
-    }
+    socket->remove_early(buf);
     buf->Free();
   }
   look_at(socket);  // no more to be watched for writing
@@ -457,16 +458,67 @@ void SocketMonitor::handle_locked(AsyncSocket* socket, unsigned events) {
       diagnostics().Print("%d AsyncSocket::MonitorThread - read, calling Poll, running %d", seen(socket->s),
                           seen(socket->running) ? 1 : 0);
     }
-    if (seen(socket->running) && !seen(socket->dont_read)) socket->Poll();
+    if (seen(socket->dont_read)) {
+      look_at(socket);
+    } else if (seen(socket->running)) {
+      socket->Poll();
+    }
   }
   if (!seen(socket->running)) look_at(socket);
+}
+
+bool SocketMonitor::open_epoll() {
+  epoll_fd = epoll_create1(EPOLL_CLOEXEC);
+  if (epoll_fd == -1) {
+    diagnostics().Print("AsyncSocket::MonitorThread - select error %d", errno);
+    return false;
+  }
+  // A busy thread that does not come to select() hears of changes here.
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.u64 = kPipeTicket;
+  if (AsyncSocket::sigfd != -1) epoll_ctl(epoll_fd, EPOLL_CTL_ADD, AsyncSocket::sigfd, &event);
+  return true;
+}
+
+void SocketMonitor::take_wake_up() {
+  if (AsyncSocket::trace != 0) {
+    diagnostics().Print("AsyncSocket::MonitorThread - select woken by signal pipe");
+  }
+  drain_pipe();
+}
+
+/// Waits until something is ready or changed.
+///   returns   the number of events in events->list
+int SocketMonitor::wait(Events* events, timeval* until) {
+  int count = 0;
+  if (events->busy) {
+    // More is likely to have come meanwhile. A thread that leaves the processor to those that deal with what it has
+    // received finds more at a time, and is not put to sleep and woken for every few.
+    sched_yield();
+    count = epoll_wait(epoll_fd, events->list.data(), kMostEvents, 0);
+  }
+  if (count <= 0) {
+    events->ready.clear();
+    events->ready.add(AsyncSocket::sigfd);
+    events->ready.add(epoll_fd);
+    const int ready = select(events->ready.count(), events->ready.get(), nullptr, nullptr, until);
+    if (ready < 0 && errno != EBADF) {
+      diagnostics().Print("AsyncSocket::MonitorThread - select error %d", errno);
+    }
+    if (ready <= 0) return 0;
+    if (events->ready.has(AsyncSocket::sigfd)) take_wake_up();
+    if (events->ready.has(epoll_fd)) count = epoll_wait(epoll_fd, events->list.data(), kMostEvents, 0);
+  }
+  events->busy = count >= kBusyFrom_events;
+  return count;
 }
 
 void SocketMonitor::pass(Events* events) {
   timeval until{};
   bool bounded = false;
   {
-    SectionLock lock(&AsyncSocket::cs);
+    const SectionLock lock(&AsyncSocket::cs);
     update_changed_locked();
     bool left = false;
     {
@@ -478,30 +530,16 @@ void SocketMonitor::pass(Events* events) {
     bounded = left || !retrying.empty() || AsyncSocket::sigfd == -1;
     until.tv_usec = suseconds_t{wait_ms} * 1000;
   }
-  events->ready.clear();
-  events->ready.add(AsyncSocket::sigfd);
-  events->ready.add(epoll_fd);
-  const int ready =
-      select(events->ready.count(), events->ready.get(), nullptr, nullptr, bounded ? &until : nullptr);
-  if (ready == 0) return;
-  if (ready < 0) {
-    if (errno != EBADF) diagnostics().Print("AsyncSocket::MonitorThread - select error %d", errno);
-    return;
-  }
-  if (events->ready.has(AsyncSocket::sigfd)) {
-    if (AsyncSocket::trace != 0) {
-      diagnostics().Print("AsyncSocket::MonitorThread - select woken by signal pipe");
-    }
-    drain_pipe();
-  }
-  if (!events->ready.has(epoll_fd)) return;
-  const int count = epoll_wait(epoll_fd, events->list.data(), kMostEvents, 0);
+  const int count = wait(events, bounded ? &until : nullptr);
   if (count <= 0) return;
   const SectionLock lock(&AsyncSocket::cs);
   for (int i = 0; i < count; ++i) {
     const epoll_event& event = events->list[static_cast<std::size_t>(i)];
-    const auto fd = static_cast<std::size_t>(event.data.u64 & 0xFFFFFFFFU);
-    const Watched& entry = watched[fd];
+    if (event.data.u64 == kPipeTicket) {
+      take_wake_up();
+      continue;
+    }
+    const Watched& entry = watched[static_cast<std::size_t>(event.data.u64 & 0xFFFFFFFFU)];
     if (entry.socket == nullptr || entry.generation != static_cast<std::uint32_t>(event.data.u64 >> 32U))
       continue;
     handle_locked(entry.socket, event.events);
@@ -514,15 +552,11 @@ void SocketMonitor::run() {
   look_at_all();
   Events events;
   while (!seen(AsyncSocket::monitor_stop)) {
-    if (epoll_fd == -1) {
-      epoll_fd = epoll_create1(EPOLL_CLOEXEC);
-      if (epoll_fd == -1) {
-        diagnostics().Print("AsyncSocket::MonitorThread - select error %d", errno);
-        Sleep(kWithoutPipe_ms);
-        continue;
-      }
+    if (epoll_fd != -1 || open_epoll()) {
+      pass(&events);
+    } else {
+      Sleep(kWithoutPipe_ms);  // there may be a descriptor again
     }
-    pass(&events);
   }
   const SectionLock lock(&AsyncSocket::cs);
   OSListIterator walk(AsyncSocket::sockets);

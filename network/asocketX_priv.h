@@ -3,6 +3,7 @@
 #define OSKERNEL_ASOCKETX_PRIV_H
 
 #include <pthread.h>
+#include <sys/time.h>
 
 #include <atomic>
 #include <cstdint>
@@ -69,6 +70,29 @@ class ClassLock {
 
 // ---- Liveness ----------------------------------------------------------------------------------------------
 
+/// A callback's stay in its socket, or that of a direct socket's own thread, on its thread's stack. The socket is not
+/// deleted by another thread meanwhile.
+class SocketVisit {
+ public:
+  /// Generation 0 stands for any socket at that address.
+  SocketVisit(AsyncSocket* socket, ULONG generation);
+  ~SocketVisit();
+  SocketVisit(const SocketVisit&) = delete;
+  SocketVisit& operator=(const SocketVisit&) = delete;
+  /// The socket is gone: it was not there, or what this thread called has deleted it.
+  bool gone() const { return gone_.load(std::memory_order_relaxed); }
+
+ private:
+  friend class SocketRegistry;
+
+  AsyncSocket* socket_;
+  pthread_t thread_;
+  /// Written by this thread; by another one only while this one waits for it, see wait_for_visitors. Either way what
+  /// is read next is read behind the registry's lock.
+  std::atomic<bool> gone_;
+  SocketVisit* next_;
+};
+
 /// Knows which sockets are alive, and which thread is inside a callback of which socket. Under a lock of its own, a
 /// leaf, so that a callback finds its socket alive without waiting for the monitor thread's section.
 class SocketRegistry {
@@ -79,31 +103,17 @@ class SocketRegistry {
   /// Whether this very socket is alive. Generation 0 stands for any socket at that address.
   static bool is_alive(AsyncSocket* socket, ULONG generation);
 
-  /// A callback's stay in its socket, on its thread's stack. The socket is not deleted by another thread meanwhile.
-  class Visit {
-   public:
-    Visit(AsyncSocket* socket, ULONG generation);
-    ~Visit();
-    Visit(const Visit&) = delete;
-    Visit& operator=(const Visit&) = delete;
-    /// The socket is gone: it was not there, or what this thread called has deleted it.
-    bool gone() const { return gone_.load(std::memory_order_relaxed); }
-
-   private:
-    friend class SocketRegistry;
-    AsyncSocket* socket_;
-    pthread_t thread_;
-    std::atomic<bool>
-        gone_;  // written under the registry's lock by this thread alone, unless a cycle was broken
-    Visit* next_;
-  };
-
   /// Waits until no other thread is inside a callback of the socket. Threads that wait for each other this way are
   /// let go: each of them finds its socket gone when it comes back to it.
-  static void wait_for_visitors(AsyncSocket* socket);
+  ///   returns   whether somebody is inside all the same: this thread itself, or such a one
+  static bool wait_for_visitors(AsyncSocket* socket);
 
  private:
+  friend class SocketVisit;
   struct Waiter;
+  struct Known;
+
+  static Known& known();
   static bool waits_for_locked(pthread_t thread, pthread_t self, int depth);
 };
 
@@ -139,6 +149,9 @@ class SocketMonitor {
   static void open_pipe();
   static void wake();
   static void drain_pipe();
+  static bool open_epoll();
+  static void take_wake_up();
+  static int wait(Events* events, timeval* until);
   static void pass(Events* events);
   static void release_locked(AsyncSocket* socket);
   static void update_changed_locked();

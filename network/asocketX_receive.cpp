@@ -30,6 +30,10 @@ constexpr ULONG kDrought_ms = 10;
 constexpr ULONG kAcceptBackOff_ms = 100;
 constexpr ULONG kAcceptTextEvery_ms = 1000;
 
+/// Instead of a number of bytes.
+constexpr int kEnded = -1;
+constexpr int kNothing = -2;
+
 constexpr int kControl_bytes = 6;
 constexpr int kSender_bytes = sizeof(sockaddr_in);
 
@@ -108,16 +112,10 @@ void AsyncSocket::ProcessData(OSBuf* buf) {
     Receive(buf);
     return;
   }
-  bool full = false;
-  {
-    const SectionLock lock(&local_cs);
-    q.Append(buf);
-    if (q.Size() > kStopReading_buffers && !dont_read) {
-      publish(dont_read, true);
-      full = true;
-    }
-  }
-  if (full) SocketMonitor::look_at(this);
+  const SectionLock lock(&local_cs);
+  q.Append(buf);
+  // The monitor thread finds out when there is more to read, and not at all when the queue is taken down before.
+  if (q.Size() > kStopReading_buffers && !dont_read) publish(dont_read, true);
 }
 
 void AsyncSocket::Receive(OSBuf* buf) {
@@ -155,42 +153,53 @@ void AsyncSocket::Receive(OSBuf* buf) {
   }
 }
 
+/// Whether too much waits in the queue to read more. The monitor thread then stops, and take_received wakes it. Each of
+/// the two threads writes one flag and then reads the other: one of them at least sees what the other has done.
+///   threads   monitor thread, inside cs
+bool AsyncSocket::stop_reading() {
+  publish(reading_stopped_, true);
+  if (seen(dont_read)) return true;
+  publish(reading_stopped_, false);
+  return false;
+}
+
+/// Takes the first buffer out of the receive queue, and lets the monitor thread read again when few are left.
+///   left      receives how many there were, when the trigger is armed; null otherwise
+OSBuf* AsyncSocket::take_received(int* left) {
+  bool drained = false;
+  OSBuf* buf = nullptr;
+  {
+    const SectionLock lock(&local_cs);
+    if (left != nullptr) *left = q.Size();
+    buf = buffer_of(q.FirstObject());
+    if (buf != nullptr) q.Remove(buf);
+    if (dont_read && q.Size() <= kReadAgain_buffers) {
+      publish(dont_read, false);
+      drained = true;
+    }
+    // With the first buffer taken out: a queue that held one only does not fire for what is being delivered.
+    if (left != nullptr) qtrigger.Clear();
+  }
+  if (drained) {
+    if (trace != 0) diagnostics().Print("AsyncSocket::_QCallback - waking monitor thread");
+    // Not when it has not noticed: see stop_reading.
+    if (seen(reading_stopped_)) SocketMonitor::look_at(this);
+  }
+  return buf;
+}
+
 void AsyncSocket::_QCallback(OSObj* obj, ADDR /*unused*/, ULONG generation) {
   auto* const socket = reinterpret_cast<AsyncSocket*>(obj);
-  const SocketRegistry::Visit visit(socket, generation);
+  const SocketVisit visit(socket, generation);
   if (visit.gone()) return;
   int left = 0;
-  const auto take = [socket](bool arm) -> OSBuf* {
-    bool drained = false;
-    OSBuf* buf = nullptr;
-    {
-      const SectionLock lock(&socket->local_cs);
-      buf = buffer_of(socket->q.FirstObject());
-      if (buf != nullptr) socket->q.Remove(buf);
-      if (socket->dont_read && socket->q.Size() <= kReadAgain_buffers) {
-        publish(socket->dont_read, false);
-        drained = true;
-      }
-      // With the first buffer taken out: a queue that held one only does not fire for what is being delivered.
-      if (arm) socket->qtrigger.Clear();
-    }
-    if (drained) {
-      if (trace != 0) diagnostics().Print("AsyncSocket::_QCallback - waking monitor thread");
-      SocketMonitor::look_at(socket);
-    }
-    return buf;
-  };
-  {
-    const SectionLock lock(&socket->local_cs);
-    left = socket->q.Size();
-  }
-  OSBuf* buf = take(true);
-  const ULONG start = os_clock();
+  OSBuf* buf = socket->take_received(&left);
+  const ULONG start = left > 1 ? os_clock() : 0;
   while (buf != nullptr) {
     socket->Receive(buf);
     // Only this thread may have deleted the socket: others wait in Free until the visit is over.
     if (visit.gone() || --left <= 0 || os_expired(start, kDeliveryBudget_ms) != FALSE) return;
-    buf = take(false);
+    buf = socket->take_received(nullptr);
   }
 }
 
@@ -223,10 +232,15 @@ void AsyncSocket::Poll() {
     drop_urgent_byte();
     return;
   }
-  if (!indirect_socket && !wait_until_readable()) return;
-  int waiting = 0;
-  OSBuf* const buf = receive_buffer(&waiting);
-  OSBuf* const received = buf != nullptr ? read_once(buf, waiting) : nullptr;
+  if (!indirect_socket && (!wait_until_readable() || !seen(running))) return;
+  int waiting = waiting_bytes();
+  if (waiting == kNothing) return;
+  OSBuf* const buf = waiting == kEnded ? OSBuf::Alloc(kControl_bytes) : receive_buffer(&waiting);
+  if (buf == nullptr) {
+    hold_back(kDrought_ms);
+    return;
+  }
+  OSBuf* const received = read_once(buf, waiting);
   if (received != nullptr) ProcessData(received);
 }
 
@@ -263,10 +277,10 @@ bool AsyncSocket::wait_until_readable() {
   return true;
 }
 
-/// Finds out how much waits, and a buffer for it.
-///   waiting   receives the bytes to read; -1 when the peer has closed the stream
-///   returns   null when nothing is to be read now
-OSBuf* AsyncSocket::receive_buffer(int* waiting) {
+/// What FIONREAD says of the socket, put right for streams.
+///   returns   the bytes to read, 0 for an empty datagram; kEnded when the peer has closed the stream; kNothing when
+///             there is nothing to do now
+int AsyncSocket::waiting_bytes() {
   const int fd = seen(s);
   int bytes = 0;
   if (ioctl(fd, FIONREAD, &bytes) == -1) {
@@ -276,54 +290,50 @@ OSBuf* AsyncSocket::receive_buffer(int* waiting) {
       diagnostics().Print("%d AsyncSocket::Poll ioctl() errno=%d(read bytes available) for %s:%u on %s:%u",
                           fd, errno, remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
     }
-    return nullptr;
+    return kNothing;
   }
-  if (type != SOCK_DGRAM && bytes == 0) {
-    // Nothing waits: the peer has closed, unless the report of readiness was out of date.
-    char byte = 0;
-    const ssize_t peeked = recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-    if (peeked > 0 || (peeked == -1 && (errno == EAGAIN || errno == EINTR))) return nullptr;
-    if (trace != 0) {
-      const AddressText remote(rem_sin);
-      const AddressText local(loc_sin);
-      diagnostics().Print("%d AsyncSocket::Poll ioctl() no bytes available for %s:%u on %s:%u", fd,
-                          remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
-    }
-    *waiting = -1;
-    OSBuf* const buf = OSBuf::Alloc(kControl_bytes);
-    if (buf == nullptr) hold_back(kDrought_ms);
-    return buf;
+  if (type == SOCK_DGRAM || bytes != 0) return std::clamp(bytes, 0, kMostRead_bytes);
+  // Nothing waits: the peer has closed, unless the report of readiness was out of date, or the stream stands where an
+  // urgent byte has been, which FIONREAD does not look across.
+  char byte = 0;
+  const ssize_t peeked = recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  if (peeked > 0) return kSmallRead_bytes;
+  if (peeked == -1 && (errno == EAGAIN || errno == EINTR)) return kNothing;
+  if (trace != 0) {
+    const AddressText remote(rem_sin);
+    const AddressText local(loc_sin);
+    diagnostics().Print("%d AsyncSocket::Poll ioctl() no bytes available for %s:%u on %s:%u", fd,
+                        remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
   }
-  bytes = std::clamp(bytes, 0, kMostRead_bytes);
-  OSBuf* buf = nullptr;
-  if (big_buffers_allowed && bytes >= kLargeRead_bytes) {
-    buf = alloc_array_buffer(bytes, LargeBufferCallback);
-    if (buf != nullptr) {
-      alloc_buf = buf;
-      *waiting = bytes;
+  return kEnded;
+}
+
+/// A buffer for a read, as large as this socket may have it.
+///   waiting   what waits; receives how much of it fits
+///   returns   null when there is none
+OSBuf* AsyncSocket::receive_buffer(int* waiting) {
+  if (seen(big_buffers_allowed) && *waiting >= kLargeRead_bytes) {
+    OSBuf* const large = alloc_array_buffer(*waiting, LargeBufferCallback);
+    if (large != nullptr) {
       if (trace != 0) {
         const AddressText remote(rem_sin);
         const AddressText local(loc_sin);
-        diagnostics().Print("%d AsyncSocket::Poll recvfrom() LargeBuffer Used %d for %s:%u on %s:%u", fd,
-                            bytes, remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
+        diagnostics().Print("%d AsyncSocket::Poll recvfrom() LargeBuffer Used %d for %s:%u on %s:%u", seen(s),
+                            *waiting, remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
       }
-      return buf;
+      return large;
     }
     // The callbacks have run out: what fits a buffer of the pool is read, the rest stays in the socket.
+    *waiting = kSmallRead_bytes;
   }
-  if (big_buffers_allowed && bytes < kLargeRead_bytes) {
-    buf = OSBuf::Alloc(bytes + kHeadroom_bytes);
+  OSBuf* buf = nullptr;
+  if (seen(big_buffers_allowed)) {
+    buf = OSBuf::Alloc(*waiting + kHeadroom_bytes);
   } else {
-    bytes = std::min(bytes, kSmallRead_bytes);
-    buf = AllocBuffer(bytes);
+    *waiting = std::min(*waiting, kSmallRead_bytes);
+    buf = AllocBuffer(*waiting);
   }
-  if (buf == nullptr) {
-    hold_back(kDrought_ms);
-    return nullptr;
-  }
-  alloc_buf = buf;
-  buf->PushDown(static_cast<UWORD>(bytes));
-  *waiting = bytes;
+  if (buf != nullptr) buf->PushDown(static_cast<UWORD>(*waiting));
   return buf;
 }
 
@@ -340,7 +350,7 @@ void AsyncSocket::hold_back(ULONG delay_ms) {
 }
 
 /// Reads into the buffer that receive_buffer has found.
-///   waiting   its bytes, or -1 for the end of the stream
+///   waiting   its bytes, or kEnded
 ///   returns   what is to be passed to ProcessData; null for nothing
 OSBuf* AsyncSocket::read_once(OSBuf* buf, int waiting) {
   const int fd = seen(s);
@@ -348,16 +358,22 @@ OSBuf* AsyncSocket::read_once(OSBuf* buf, int waiting) {
   socklen_t from_length = sizeof(sockaddr_in);
   ssize_t received = 0;
   int error = 0;
-  if (waiting >= 0) {
+  if (waiting != kEnded) {
+    alloc_buf = buf;
     received = recvfrom(fd, buf->data, static_cast<std::size_t>(waiting), MSG_DONTWAIT, from, &from_length);
     error = received == -1 ? errno : 0;
   }
   alloc_buf = nullptr;
   buf->length = 0;
+  if (!indirect_socket && received <= 0 && !seen(running)) {
+    // Close has shut the descriptor down, which looks like an end from the other side.
+    buf->Free();
+    return nullptr;
+  }
   if (error == EAGAIN || error == EINTR) {
     if (error == EINTR) {
       // Deliberate: reception of this socket ends here. Programs that interrupt their threads on purpose rely on it.
-      // Pinned by socket_receive_errors_test.cpp.
+      // Pinned by socket_receive_failure_test.cpp, AnInterruptedReadStopsReceptionAndNothingElse.
       diagnostics().Print("%d AsyncSocket::Poll - EINTR", fd);
       publish(running, false);
     } else if (trace != 0) {

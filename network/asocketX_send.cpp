@@ -74,8 +74,19 @@ AsyncSocket::Queued AsyncSocket::queue_until_connected(OSBuf* buf) {
   }
   OSBuf* const last = buffer_of(earlyData.LastObject());
   OSBuf* const rest = last != nullptr ? last->Compact(buf, kMerged_bytes) : buf;
-  if (rest != nullptr && earlyData.AppendLink(rest) == nullptr) return Queued::kDisconnected;
-  return Queued::kQueued;
+  return rest == nullptr || append_early_locked(rest) ? Queued::kQueued : Queued::kDisconnected;
+}
+
+bool AsyncSocket::append_early_locked(OSBuf* buf) {
+  if (earlyData.AppendLink(buf) == nullptr) return false;
+  publish(early_waiting_, true);
+  return true;
+}
+
+void AsyncSocket::remove_early(OSBuf* buf) {
+  const SectionLock lock(&local_cs);
+  earlyData.Remove(buf);
+  if (earlyData.IsEmpty()) publish(early_waiting_, false);
 }
 
 /// One send(2) without waiting. It is never made into a descriptor that Close has closed and another socket been given.
@@ -99,19 +110,15 @@ OSIORetCode AsyncSocket::send_stream(OSBuf* buf) {
   };
   while (buf->length != 0) {
     if (seen(s) == -1 || seen(secure_state) != SecClear) return fail_stream(buf, 0);
-    bool behind = false;
-    {
-      const SectionLock lock(&local_cs);
-      behind = !earlyData.IsEmpty();
-    }
-    if (behind) {
+    if (seen(early_waiting_)) {
       // What was queued goes first; nothing overtakes it.
       if (sends_early_data()) {
+        bool queued = false;
         {
           const SectionLock lock(&local_cs);
-          if (earlyData.AppendLink(buf) == nullptr) behind = false;
+          queued = append_early_locked(buf);
         }
-        if (!behind) return fail_stream(buf, ENOBUFS);
+        if (!queued) return fail_stream(buf, ENOBUFS);
         if (indirect_socket) SocketMonitor::look_at(this);
         return Success;
       }
@@ -213,11 +220,11 @@ OSIORetCode AsyncSocket::send_datagram(OSBuf* buf) {
       const int error = errno;
       const AddressText remote(rem_sin);
       const AddressText local(loc_sin);
-      diagnostics().Print("%d AsyncSocket::DataIndication: rtps sendto() errno=%d to %s:%u from %s:%u", rtps,
-                          error, remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
+      diagnostics().Print("%d AsyncSocket::DataIndication: rtps sendto() errno=%d to %s:%u from %s:%u",
+                          seen(s), error, remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
       result = NoConnection;
     } else if (sent < count) {
-      diagnostics().Print("%d AsyncSocket::DataIndication: rtps sent %d bytes of %d", rtps,
+      diagnostics().Print("%d AsyncSocket::DataIndication: rtps sent %d bytes of %d", seen(s),
                           static_cast<int>(sent), count);
     }
   }

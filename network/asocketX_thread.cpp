@@ -13,7 +13,8 @@ namespace {
 
 constexpr int kRingBuffers = 32;
 /// Only an interval up to this is doubled. Deliberate: with the default of 500 ms it stays as it is. Programs that set
-/// a short one get a growing one. Pinned by socket_direct_start_test.cpp.
+/// a short one get a growing one. Pinned by socket_receive_direct_test.cpp,
+/// OnlyAShortRetryIntervalIsDoubled.
 constexpr ULONG kDoubledUpTo_ms = 15;
 constexpr ULONG kAcceptBackOff_ms = 100;
 
@@ -21,22 +22,7 @@ OSBuf* buffer_of(OSListObj* queued) { return static_cast<OSBuf*>(static_cast<OSL
 
 }  // namespace
 
-/// On the stack of a direct socket's thread. The partner may free the socket on this thread, inside an indication:
-/// the thread learns it here and touches the socket no more.
-struct AsyncSocket::OwnThread {
-  OwnThread() = default;
-  OwnThread(const OwnThread&) = delete;
-  OwnThread& operator=(const OwnThread&) = delete;
-
-  bool gone = false;
-};
-
 bool AsyncSocket::is_own_thread() { return thread != 0 && pthread_equal(thread, pthread_self()) != 0; }
-
-void AsyncSocket::leave_own_thread() {
-  if (own_thread_ != nullptr) own_thread_->gone = true;
-  own_thread_ = nullptr;
-}
 
 // ---- Starting ----------------------------------------------------------------------------------------------
 
@@ -81,7 +67,7 @@ void AsyncSocket::start_thread_locked() {
 
 void AsyncSocket::StartRetry(OSObj* obj, ADDR /*unused_addr*/, ULONG generation) {
   auto* const socket = reinterpret_cast<AsyncSocket*>(obj);
-  const SocketRegistry::Visit visit(socket, generation);
+  const SocketVisit visit(socket, generation);
   // Closed meanwhile: nothing is to be received any more.
   if (!visit.gone() && seen(socket->running)) socket->retry_start();
 }
@@ -95,23 +81,23 @@ void AsyncSocket::retry_start() {
 
 void* AsyncSocket::Main(LPVOID p) {
   auto* const socket = static_cast<AsyncSocket*>(p);
-  OwnThread own;
-  socket->own_thread_ = &own;
-  if (trace != 0) diagnostics().Print("%d AsyncSocket::Main - Started receive thread", seen(socket->s));
-  socket->receive_until_stopped(own);
-  if (!own.gone) socket->own_thread_ = nullptr;
+  // The partner may free the socket on this thread, inside an indication: the visit says so then.
+  const SocketVisit visit(socket, 0);
+  if (!visit.gone()) socket->receive_until_stopped(visit);
   return nullptr;
 }
 
-void AsyncSocket::receive_until_stopped(const OwnThread& own) {
+void AsyncSocket::receive_until_stopped(const SocketVisit& visit) {
+  if (trace != 0) diagnostics().Print("%d AsyncSocket::Main - Started receive thread", seen(s));
   if (type == SOCK_STREAM && seen(state) == SSInitial) {
-    if (!connect_blocking() || own.gone) return;
-    send_early_data_blocking(own);
-    if (own.gone) return;
+    if (!connect_blocking() || visit.gone()) return;
+    send_early_data_blocking(visit);
+    if (visit.gone()) return;
   }
   if (ring == nullptr) ring = new RingBuffer(kRingBuffers);
-  while (!own.gone && seen(running)) Poll();
-  if (!own.gone && trace != 0) diagnostics().Print("%d AsyncSocket::Main - Stopped receive thead", seen(s));
+  while (!visit.gone() && seen(running)) Poll();
+  if (!visit.gone() && trace != 0)
+    diagnostics().Print("%d AsyncSocket::Main - Stopped receive thead", seen(s));
 }
 
 /// Connects, in two attempts, and indicates the outcome.
@@ -130,8 +116,10 @@ bool AsyncSocket::connect_blocking() {
     }
   };
   if (connect(seen(s), rem_sin, sizeof(sockaddr_in)) == -1) {
+    if (!seen(running)) return false;  // given up by Close
     report(false);
     if (connect(seen(s), rem_sin, sizeof(sockaddr_in)) == -1) {
+      if (!seen(running)) return false;
       report(true);
       publish(state, int{SSDisconnected});
       publish(running, false);
@@ -147,6 +135,7 @@ bool AsyncSocket::connect_blocking() {
     diagnostics().Print("%d AsyncSocket::Main getsockname() errno=%d to %s:%u", seen(s), error,
                         remote.c_str(), rem_sin.Port());
   } else {
+    const SectionLock lock(&local_cs);
     loc_sin = local;
   }
   {
@@ -159,7 +148,7 @@ bool AsyncSocket::connect_blocking() {
   return true;
 }
 
-void AsyncSocket::send_early_data_blocking(const OwnThread& own) {
+void AsyncSocket::send_early_data_blocking(const SocketVisit& visit) {
   if (trace != 0) diagnostics().Print("AsyncSocket::Main - Forwarding queued data");
   for (;;) {
     OSBuf* buf = nullptr;
@@ -181,12 +170,9 @@ void AsyncSocket::send_early_data_blocking(const OwnThread& own) {
       }
       buf->PullUp(static_cast<UWORD>(sent));
     }
-    {
-      const SectionLock lock(&local_cs);
-      earlyData.Remove(buf);
-    }
+    remove_early(buf);
     buf->Free();  // its callbacks are the application's
-    if (own.gone) return;
+    if (visit.gone()) return;
   }
 }
 

@@ -44,6 +44,16 @@ struct Octets {
   unsigned a, b, c, d;
 };
 
+// Takes an entry out of a list by its link, unless the program has changed the list itself.
+void take_out(OSIndirectList* list, OSLink** link, OSListObj* entry) {
+  if (*link != nullptr && (*link)->object == entry) {
+    list->RemoveLink(*link);
+  } else {
+    list->Remove(entry);
+  }
+  *link = nullptr;
+}
+
 DNSEntry* entry_of(void* object) { return static_cast<DNSEntry*>(static_cast<OSListObj*>(object)); }
 
 }  // namespace
@@ -137,8 +147,7 @@ DNSEntry* DNSEntry::first_pending_locked() {
   return first == nullptr ? nullptr : entry_of(first->object);
 }
 
-// The links of both lists are taken before anything else, so that an entry stands in `sockets` and `generations_`
-// or in neither.
+// Lists the socket with its generation, or, without memory, not at all.
 bool DNSEntry::add_socket_locked(AsyncSocket* socket) {
   OSLink* link = sockets.AppendLink(socket);
   if (link == nullptr) return false;
@@ -170,15 +179,11 @@ void DNSEntry::queue_locked() {
   SetEvent(event);
 }
 
-void DNSEntry::leave_pending_locked() {
-  pending.RemoveLink(pending_link_);
-  pending_link_ = nullptr;
-}
+void DNSEntry::leave_pending_locked() { take_out(&pending, &pending_link_, this); }
 
 // The entry is gone for everybody. Sockets that wait for it are not told, but none goes on pointing at it.
 void DNSEntry::drop_locked(DNSEntry* entry) {
-  entries.RemoveLink(entry->listed_);
-  entry->listed_ = nullptr;
+  take_out(&entries, &entry->listed_, entry);
   entry->leave_pending_locked();
   entry->result = false;
   {
@@ -259,6 +264,8 @@ void DNSEntry::resolve() {
     const Octets o(addr);
     diagnostics().Print("DNSEntry::Thread - '%s' address %u.%u.%u.%u found", dnsname, o.a, o.b, o.c, o.d);
   }
+  // Inside the section: who sees that the name waits no more finds its delivery under way.
+  AsyncSocket::dnstrigger->Fire();
 }
 
 void* DNSEntry::Thread(void* /*unused*/) {
@@ -275,7 +282,6 @@ void* DNSEntry::Thread(void* /*unused*/) {
     const Hold hold(entry);
     lock.leave();
     entry->resolve();
-    AsyncSocket::dnstrigger->Fire();
     lock.enter();
   }
   lock.leave();

@@ -38,7 +38,8 @@ class OSKERNEL_API DNSEntry : public OSListObj {
   static void Clear(const char* name);
   /// AsyncSocket::Free calls it for the entry its socket waits on.
   /// Deliberate: takes this entry, not the socket, off the list of waiting sockets, where it never is. The socket
-  /// stays listed, and delivery skips it because it is found not alive. Pinned by dnsentry_test.cpp.
+  /// stays listed, and delivery skips it because it is found not alive. Pinned by
+  /// dnsentry_socket_test.cpp, CancelTakesTheEntryOffItsOwnList.
   void Cancel(AsyncSocket* socket);
   /// Delivers finished names: the callback of AsyncSocket::dnstrigger. DNSResult of each waiting socket that is
   /// still alive runs here, inside cs and AsyncSocket::cs.

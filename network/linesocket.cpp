@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "network/asocketX_priv.h"
@@ -46,8 +47,7 @@ LineSocket::~LineSocket() {
 // ---- Receiving ---------------------------------------------------------------------------------------------
 
 // Makes `line` larger, so that `needed` bytes fit. Doubling keeps the copying in proportion to the line.
-bool LineSocket::grow(int needed) {
-  const int ceiling = seen(max_line_bytes);
+bool LineSocket::grow(int needed, int ceiling) {
   if (needed > ceiling) return false;
   const int doubled = room_bytes_ > ceiling / 2 ? ceiling : room_bytes_ * 2;
   const int bytes = std::max(doubled, needed);
@@ -61,10 +61,10 @@ bool LineSocket::grow(int needed) {
 }
 
 // One character at the end of the line, behind which there is always room for the terminating zero.
-bool LineSocket::append(char c) {
+bool LineSocket::append(char c, int ceiling) {
   const int needed = linelen + 2;
-  if (needed > seen(max_line_bytes)) return false;
-  if (needed > room_bytes_ && !grow(needed)) return false;
+  if (needed > ceiling) return false;
+  if (needed > room_bytes_ && !grow(needed, ceiling)) return false;
   line[linelen++] = c;
   return true;
 }
@@ -79,14 +79,15 @@ void LineSocket::refuse_line() {
 }
 
 OSIORetCode LineSocket::DataIndication(OSBuf* buf) {
+  const int ceiling = seen(max_line_bytes);
   const UBYTE* byte = buf->data;
   const UBYTE* end = byte + buf->length;
   for (; byte != end && !overlong_; ++byte) {
     const char c = static_cast<char>(*byte);
     if (c == kLineFeed || *byte >= 128) continue;
     if (c != kCarriageReturn) {
-      if (!append(c)) refuse_line();
-    } else if (linelen + 1 > room_bytes_ && !grow(linelen + 1)) {
+      if (!append(c, ceiling)) refuse_line();
+    } else if (linelen + 1 > room_bytes_ && !grow(linelen + 1, ceiling)) {
       refuse_line();
     } else {
       line[linelen] = '\0';
@@ -147,24 +148,23 @@ void LineSocket::SendF(char* format, ...) {
   constexpr std::size_t kUsual = 520;
   char usual[kUsual];
   va_list arguments;
+  va_list again;
   va_start(arguments, format);
+  va_copy(again, arguments);
   const int length = std::vsnprintf(usual, sizeof usual, format, arguments);
   va_end(arguments);
-  if (length < 0) return;
-  const std::size_t needed = static_cast<std::size_t>(length) + 1;
-  if (needed <= kUsual) {
-    Send(usual);
-    return;
-  }
 
-  char* text = new (std::nothrow) char[needed];
-  if (text == nullptr) {
+  const std::size_t needed = length < 0 ? 0 : static_cast<std::size_t>(length) + 1;
+  std::unique_ptr<char[]> longer;
+  if (needed > kUsual) {
+    longer.reset(new (std::nothrow) char[needed]);
+    if (longer != nullptr) std::vsnprintf(longer.get(), needed, format, again);
+  }
+  va_end(again);
+  if (needed == 0) return;
+  if (needed > kUsual && longer == nullptr) {
     diagnostics().Print("%d LineSocket::SendF - no memory for %d bytes", seen(socket->s), length);
     return;
   }
-  va_start(arguments, format);
-  std::vsnprintf(text, needed, format, arguments);
-  va_end(arguments);
-  Send(text);
-  delete[] text;
+  Send(longer != nullptr ? longer.get() : usual);
 }

@@ -26,7 +26,7 @@ class OSKERNEL_API LineSocket : public OSIO {
   /// Deliberate: the length of a line is not compared with maxlinelen; a longer one is collected and delivered whole,
   /// and `line` moves to larger storage. Programs size the line for their protocol and see what a peer really sent.
   /// A line longer than max_line_bytes shuts the connection down with a console message. Pinned by
-  /// linesocket_test.cpp.
+  /// linesocket_test.cpp, LongerThanAnnouncedIsDeliveredWhole.
   ///   takes     buf
   ///   returns   Success. When `done` is set the object is gone.
   OSIORetCode DataIndication(OSBuf* buf) override;
@@ -58,8 +58,8 @@ class OSKERNEL_API LineSocket : public OSIO {
   bool done;            ///< set (inside Receive, say): the object deletes itself after the present buffer
 
  private:
-  bool append(char c);
-  bool grow(int needed);
+  bool append(char c, int ceiling);
+  bool grow(int needed, int ceiling);
   void refuse_line();
 
   int room_bytes_;  ///< of `line`; receiving thread only

@@ -29,7 +29,7 @@ class SocketBuffer;
 ///
 /// Deliberate: the queue holds one buffer less than there are, so a ring of 32 lends 31 and the last one to find
 /// it full stays outside; "all buffers are home" is "the queue is full". Programs count on the 31. Pinned by
-/// ringbuffer_test.cpp.
+/// ringbuffer_test.cpp, LendsOneBufferLessThanItHas.
 class OSKERNEL_API RingBuffer : public OSListObj {
  public:
   /// Makes `buffers` buffers and puts them in.
@@ -50,7 +50,7 @@ class OSKERNEL_API RingBuffer : public OSListObj {
   /// How many buffers are at home; any thread, as a hint.
   /// Deliberate: the difference of the indices is taken as an unsigned 32-bit number before its remainder by `size`,
   /// so after a wrap it is right only for sizes that are a power of two, as the sockets' 32. Programs print it.
-  /// Pinned by ringbuffer_test.cpp.
+  /// Pinned by ringbuffer_test.cpp, SizeIsTheUnsignedDifferenceModuloItsSize.
   int Size();
 
   /// Gives the ring up: deletes it when all buffers are at home, otherwise parks it on a list that a timer looks at

@@ -16,7 +16,8 @@
 /// which never waits: a name that is not known yet gives 0.0.0.0, and is resolved in the background for the next
 /// time. That starts the networking layer when it is not running.
 /// Deliberate: the text 255.255.255.255 is looked up as a name, since its value is the one by which inet_addr
-/// reports a failure; programs that mean it give the number. Pinned by sockaddr_test.cpp.
+/// reports a failure; programs that mean it give the number. Pinned by sockaddr_test.cpp,
+/// TheTextOfAllOnesIsLookedUpAsAName.
 class OSKERNEL_API SockAddr {
  public:
   SockAddr();                        ///< 0.0.0.0, port 0
@@ -24,7 +25,8 @@ class OSKERNEL_API SockAddr {
   SockAddr(ULONG addr, UWORD port);  ///< both in host order
   /// From a text and a port in host order. An empty text gives 0.0.0.0.
   /// Deliberate: white space in front is not skipped, so " 10.0.0.1" is a host name here; SetAddress skips it.
-  /// Programs rely on SetAddress for what people type. Pinned by sockaddr_test.cpp.
+  /// Programs rely on SetAddress for what people type. Pinned by sockaddr_test.cpp,
+  /// TheConstructorTakesWhiteSpaceAsPartOfAName.
   SockAddr(const char* name_or_addr, UWORD port);
   SockAddr(const SockAddr&) = default;
 
@@ -62,7 +64,7 @@ class OSKERNEL_API SockAddr {
   bool IsMulticast() const;  ///< 224.0.0.0 to 239.255.255.255
   /// 0.0.0.0, 255.255.255.255, or all host bits set by the classes of RFC 791: A (24 bits), B (16) and C (8).
   /// Deliberate: no subnet mask is consulted, so 10.255.255.255 is a broadcast and 10.1.255.255 is not. Pinned by
-  /// sockaddr_test.cpp.
+  /// sockaddr_test.cpp, FollowsTheOldAddressClasses.
   bool IsBroadcast() const;
   /// Within the site's private network when that is set (both values not 0), which then alone counts; otherwise in
   /// 192.168.0.0/16, 172.16.0.0/12 or 10.0.0.0/8 (RFC 1918). Loopback and link-local addresses are not private.

@@ -111,7 +111,7 @@ void TPKTSocket::ProcessData(OSBuf* buf) {
 /// and the monitor thread polls the socket again when it may go on.
 void TPKTSocket::process_held() {
   input_held_ = false;
-  while (!seen(dont_read) && !retrying_) {
+  while (!retrying_ && !stop_reading()) {
     if (!ProcessTPKT()) break;
   }
   input_held_ = lastBuf != nullptr;

@@ -21,7 +21,8 @@
 ///
 /// Deliberate: a packet of nothing but its header is completed when the next segment arrives, if it stands at the
 /// end of one, and goes up as an empty buffer, which the receive path decodes as a control buffer: nothing is
-/// indicated. Peers use such packets as keep-alives. Pinned by tpkt_test.cpp.
+/// indicated. Peers use such packets as keep-alives. Pinned by tpkt_test.cpp,
+/// AnEmptyPacketAtTheEndOfASegmentIsCompletedByTheNextOne.
 ///
 /// Always indirect. What is half received survives Close; the destructor frees it.
 class OSKERNEL_API TPKTSocket : public AsyncSocket {
@@ -31,12 +32,13 @@ class OSKERNEL_API TPKTSocket : public AsyncSocket {
 
   /// Sends buf as one packet.
   ///   takes     buf
-  ///   buf       up to 65531 bytes; 4 bytes of room in front make it go without a copy
-  ///   returns   as AsyncSocket::DataIndication
+  ///   buf       up to 65531 bytes, with 4 bytes of room in front, as every buffer has that was not filled to its start.
+  ///             Without the room Fatal "OSBuf::Pushdown Too far" is reported.
+  ///   returns   as AsyncSocket::DataIndication; Blocked, and nothing is sent, when it is too long or has no room
   OSIORetCode DataIndication(OSBuf* buf) override;
   /// Deliberate: sends buf with two headers, the inner one around the data, the outer one around both: the
   /// expedited path frames and then goes through this class's DataIndication. Peers expect it so. Pinned by
-  /// tpkt_test.cpp.
+  /// tpkt_test.cpp, ExpeditedDataLeavesWithTwoHeaders.
   OSIORetCode DataExpeditedIndication(OSBuf* buf) override;
   /// NotSupported; the caller keeps buf.
   OSIORetCode DatagramIndication(OSBuf* buf, void* source, void* dest) override;
