@@ -1,6 +1,8 @@
-"""Runs kernel_bench and prints its figures side by side. bench/compare calls it; needs the standard library only.
+"""Runs kernel_bench and network_bench and prints their figures side by side. bench/compare calls it; needs the
+standard library only.
 
-A benchmark is named SUBJECT/IMPLEMENTATION/ARGUMENTS. Those of the same subject and arguments share a line.
+A benchmark of the kernel is named SUBJECT/IMPLEMENTATION/ARGUMENTS. Those of the same subject and arguments share a
+line. A row of the network is named SUBJECT/ARGUMENTS, and every server is measured for it.
 """
 
 import argparse
@@ -29,6 +31,15 @@ COUNTS = ("outstanding", "live", "links", "length", "timers", "keys")
 
 # Left out of a quick run: what takes long to set up.
 SLOW = r"keys:1000000|timer_.*:100000"
+
+# What the network is to reach: with so many connections at least as many messages per second as this peer, and less
+# memory than this for a connection.
+AIM_PEER = "libuv"
+AIM_CONNECTIONS = 50
+AIM_BYTES = 2048
+DISTURBED = 0.1  # of the processors, taken by other programs
+CHURN = "connect_echo_close"
+MEMORY = "memory_per_connection"
 
 
 class Benchmark(collections.namedtuple("Benchmark", "subject implementation count size threads")):
@@ -158,42 +169,174 @@ def print_growth(medians, program, names):
     return exceeded
 
 
-def main():
-    parser = argparse.ArgumentParser(add_help=False)
-    parser.add_argument("--quick", action="store_true")
-    parser.add_argument("--filter", default="")
-    parser.add_argument("program")
-    parser.add_argument("results")
-    arguments = parser.parse_args()
-
+def compare_kernel(arguments, results):
+    """Measures and prints the kernel's benchmarks. Returns the number of limits exceeded; None when none matches."""
     repetitions, min_time = (3, 0.004) if arguments.quick else (5, 0.02)
-    began = time.monotonic()
     listed = subprocess.run(
-        [arguments.program, "--benchmark_list_tests", f"--benchmark_filter={arguments.filter}"],
+        [arguments.kernel, "--benchmark_list_tests", f"--benchmark_filter={arguments.filter}"],
         check=True, stdout=subprocess.PIPE, text=True,
     ).stdout.split()
     names = [n for n in listed if "/" in n and not (arguments.quick and re.search(SLOW, n))]
     if not names:
-        print(f"No benchmark's name matches '{arguments.filter}'.", file=sys.stderr)
-        return 1
-    print(f"Measuring {len(names)} benchmarks, {repetitions} times each ...", flush=True)
+        return None
+    print(f"Measuring {len(names)} benchmarks of the kernel, {repetitions} times each ...", flush=True)
     pattern = "^(" + "|".join(re.escape(n) for n in names) + ")$"
     try:
-        times, results = run(arguments.program, repetitions, min_time, pattern)
+        times, kernel = run(arguments.kernel, repetitions, min_time, pattern)
     except subprocess.CalledProcessError as error:
         print(error.stderr, file=sys.stderr)
         print(f"kernel_bench ended with {error.returncode}; its last words stand above.", file=sys.stderr)
         return 1
-    names = results.pop("names")
-    with open(arguments.results, "w", encoding="utf-8") as file:
-        json.dump(results, file, indent=1)
+    names = kernel.pop("names")
+    results["kernel"] = kernel
 
     medians = {b: statistics.median(ns) for b, ns in times.items()}
     print_comparison(medians)
-    exceeded = print_growth(medians, arguments.program, names)
+    return print_growth(medians, arguments.kernel, names)
+
+
+# ---- The network -------------------------------------------------------------------------------------------------
+
+
+class Row:
+    """One row of the network: what each server reached in each repetition, in their order."""
+
+    def __init__(self, name):
+        self.name = name
+        self.subject, *arguments = name.split("/")
+        self.arguments = {key: int(value) for key, _, value in (a.partition(":") for a in arguments)}
+        self.entries = collections.defaultdict(list)
+
+    def median(self, server, key="value"):
+        return statistics.median(entry[key] for entry in self.entries[server])
+
+    def ratio(self, peer):
+        """Ours in times of the peer's. Each repetition measures one soon after the other: the median of their ratios
+        is disturbed less by what else the machine does than the ratio of their medians."""
+        pairs = zip(self.entries[OURS], self.entries[peer])
+        return statistics.median(ours["value"] / theirs["value"] for ours, theirs in pairs)
+
+    def label(self):
+        return self.subject.replace("_", " ").replace("rfc1006", "RFC 1006").replace("tcp", "TCP").replace("udp", "UDP")
+
+    def counts(self):
+        words = {"size": "bytes", "connections": "connections", "idle": "idle"}
+        return ", ".join(f"{value:,} {words[key]}" for key, value in self.arguments.items())
+
+
+def run_network(program, rows, repetitions, seconds):
+    """Measures the rows of these names. Returns [Row] and the failures, as texts."""
+    measured = {name: Row(name) for name in rows}
+    failures = []
+    pattern = "^(" + "|".join(rows) + ")$"  # the names hold nothing that an expression takes for more than itself
+    command = [program, "--filter", pattern, "--repetitions", str(repetitions), "--seconds", str(seconds)]
+    with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as process:
+        for line in process.stdout:
+            entry = json.loads(line)
+            if "failure" in entry:
+                failures.append(f"{entry['row']}, {entry['server']}: {entry['failure']}")
+            else:
+                measured[entry["row"]].entries[entry["server"]].append(entry)
+    if process.returncode != 0 and not failures:
+        failures.append(f"network_bench ended with {process.returncode}")
+    return [row for row in measured.values() if row.entries[OURS]], failures
+
+
+def has_aim(row):
+    if row.subject == MEMORY:
+        return True
+    return row.subject != CHURN and row.arguments["connections"] >= AIM_CONNECTIONS and bool(row.entries[AIM_PEER])
+
+
+def aim_met(row):
+    if row.subject == MEMORY:
+        return row.median(OURS) < AIM_BYTES
+    return row.ratio(AIM_PEER) >= 1
+
+
+def print_network(rows):
+    print("\nMessages (connections) per second, and how many times as many they are here as with each peer (above 1:")
+    print("faster here); us: processor time of the server for one, of all its threads; for memory: bytes\n")
+    for row in rows:
+        memory = row.subject == MEMORY
+        ours = f"{row.median(OURS):>9,.0f}" + ("" if memory else f" {row.median(OURS, 'processor_us'):6.2f} us")
+        peers = [server for server in row.entries if server != OURS]
+        cells = [
+            f"{peer} {row.median(peer):,.0f}"
+            + ("" if memory else f" {row.median(peer, 'processor_us'):.2f} us, x{row.ratio(peer):.2f}")
+            for peer in sorted(peers, key=lambda p: (p != AIM_PEER, p))
+        ]
+        aim = ("   aim: met" if aim_met(row) else "   aim: MISSED") if has_aim(row) else ""
+        print(f"{row.label():22}{row.counts():40}{ours:20}  " + "".join(f"{c:33}" for c in cells).rstrip() + aim)
+    disturbed = [entry["others_share"] for row in rows for entries in row.entries.values() for entry in entries
+                 if row.subject != MEMORY]
+    if disturbed:
+        share = statistics.median(disturbed)
+        print(f"\nOther programs took {share * 100:.0f}% of the processors meanwhile (median)."
+              + (" The ratios say little then; the processor times do." if share > DISTURBED else ""))
+    saturated = [r for r in rows if r.subject != MEMORY and r.median(OURS, "load_share") > 0.97]
+    if saturated:
+        print(f"In {len(saturated)} of {len(rows)} rows the load took all of its processor with this library's server.")
+
+
+def print_aims(rows):
+    aimed = [row for row in rows if has_aim(row)]
+    if not aimed:
+        return
+    met = sum(aim_met(row) for row in aimed)
+    print(f"\nAim: with {AIM_CONNECTIONS} connections and more at least as many messages per second as {AIM_PEER}; less "
+          f"than {AIM_BYTES:,} bytes\nof memory for an idle connection. Met in {met} of {len(aimed)} rows", end="")
+    ratios = [row.ratio(AIM_PEER) for row in aimed if row.subject != MEMORY]
+    print(f"; from x{min(ratios):.2f} to x{max(ratios):.2f} of {AIM_PEER}'s messages." if ratios else ".")
+
+
+def compare_network(arguments, results):
+    """Measures and prints the network's rows. Returns the number of failures; None when no row matches."""
+    repetitions, seconds = (3, 0.1) if arguments.quick else (5, 0.3)
+    command = [arguments.network, "--list", "--filter", arguments.filter] + ["--quick"] * arguments.quick
+    names = subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout.split()
+    if not names:
+        return None
+    print(f"\nMeasuring {len(names)} rows of the network with each server, {repetitions} times each ...", flush=True)
+    rows, failures = run_network(arguments.network, names, repetitions, seconds)
+    results["network"] = [{"row": row.name, "entries": row.entries} for row in rows]
+    print_network(rows)
+    print_aims(rows)
+    resent = sum(entry["resent"] for row in rows for entries in row.entries.values() for entry in entries)
+    if resent:
+        print(f"\n{resent} datagrams were lost and sent again.")
+    for failure in failures:
+        print(f"FAIL  {failure}")
+    return len(failures)
+
+
+def main():
+    parser = argparse.ArgumentParser(add_help=False)
+    parser.add_argument("--quick", action="store_true")
+    parser.add_argument("--only", choices=("kernel", "network"))
+    parser.add_argument("--filter", default="")
+    parser.add_argument("kernel")
+    parser.add_argument("network")
+    parser.add_argument("results")
+    arguments = parser.parse_args()
+
+    began = time.monotonic()
+    results = {}
+    outcomes = []
+    if arguments.only != "network":
+        outcomes.append(compare_kernel(arguments, results))
+    if arguments.only != "kernel":
+        outcomes.append(compare_network(arguments, results))
+    if all(outcome is None for outcome in outcomes):
+        print(f"No benchmark's name matches '{arguments.filter}'.", file=sys.stderr)
+        return 1
+    with open(arguments.results, "w", encoding="utf-8") as file:
+        json.dump(results, file, indent=1)
+
+    exceeded = sum(outcome or 0 for outcome in outcomes)
     load = os.getloadavg()[0]
     print(f"\nTook {time.monotonic() - began:.0f} s on {os.cpu_count()} processors; load average {load:.1f}.", end=" ")
-    print("Nothing grows beyond its limit." if exceeded == 0 else f"{exceeded} beyond the limit.")
+    print("Nothing failed or grows beyond its limit." if exceeded == 0 else f"{exceeded} failed or beyond the limit.")
     return 0 if exceeded == 0 else 1
 
 
