@@ -44,12 +44,12 @@ void AsyncSocket::join_own_thread() {
     if (thread == 0 || thread_abandoned_ || is_own_thread()) return;
     ending = thread;
   }
-  if (trace != 0) {
+  if (seen(trace) != 0) {
     diagnostics().Print("%d AsyncSocket::Close - Waiting for thread %p to join...", seen(s),
                         printable(ending));
   }
   pthread_join(ending, nullptr);
-  if (trace != 0) {
+  if (seen(trace) != 0) {
     diagnostics().Print("%d AsyncSocket::Close - thread %p terminated", seen(s), printable(ending));
   }
   const ClassLock lock;
@@ -61,7 +61,7 @@ void AsyncSocket::close_descriptors() {
   SocketMonitor::unwatch_locked(this);
   const int fd = seen(s);
   if (fd != -1) {
-    if (trace != 0) diagnostics().Print("%d AsyncSocket::Close - closing socket", fd);
+    if (seen(trace) != 0) diagnostics().Print("%d AsyncSocket::Close - closing socket", fd);
     const std::lock_guard<std::mutex> sends(send_mutex_);
     publish(s, -1);
     close(fd);
@@ -97,7 +97,7 @@ void AsyncSocket::drop_queued() {
 
 void AsyncSocket::Close() {
   if (this == nullptr) return;  // as in Free
-  if (trace != 0) {
+  if (seen(trace) != 0) {
     diagnostics().Print("%d AsyncSocket::Close - thread %p, running %d", seen(s), printable(thread),
                         seen(running) ? 1 : 0);
   }
@@ -108,7 +108,7 @@ void AsyncSocket::Close() {
     publish(state, int{SSDisconnected});
   }
   const int fd = seen(s);
-  if (fd != -1 && shutdown(fd, SHUT_RDWR) == -1 && trace != 0) {
+  if (fd != -1 && shutdown(fd, SHUT_RDWR) == -1 && seen(trace) != 0) {
     diagnostics().Print("%d AsyncSocket::Close - shutdown returned %d", fd, errno);
   }
   join_own_thread();
@@ -156,12 +156,12 @@ void AsyncSocket::Free() {
   if (this == nullptr) return;
   leave_name_cache();
   if (indirect_socket) {
-    if (trace != 0) {
+    if (seen(trace) != 0) {
       diagnostics().Print("AsyncSocket::Free - delete of %p delayed...", static_cast<void*>(this));
     }
     Close();
     publish(deleted, true);
-    if (trace != 0) diagnostics().Print("AsyncSocket::Free - waking monitor thread");
+    if (seen(trace) != 0) diagnostics().Print("AsyncSocket::Free - waking monitor thread");
     SocketMonitor::look_at(this);
     SocketMonitor::wait_for_release(this);
   } else {
@@ -169,7 +169,7 @@ void AsyncSocket::Free() {
     stop_receiving();
   }
   leave_registry();
-  if (trace != 0) diagnostics().Print("AsyncSocket::Free - deleting %p", static_cast<void*>(this));
+  if (seen(trace) != 0) diagnostics().Print("AsyncSocket::Free - deleting %p", static_cast<void*>(this));
   delete this;
 }
 
@@ -181,7 +181,7 @@ AsyncSocket::~AsyncSocket() {
     diagnostics().Fatal("%d AsyncSocket::~AsyncSocket - %p, socket not Free'd first!", seen(s),
                         static_cast<void*>(this));
   }
-  if (trace != 0) {
+  if (seen(trace) != 0) {
     diagnostics().Print("%d AsyncSocket::~AsyncSocket - %p, thread %p", seen(s), static_cast<void*>(this),
                         printable(thread));
   }
@@ -217,5 +217,5 @@ AsyncSocket::~AsyncSocket() {
     pthread_detach(thread);
   }
   DeleteCriticalSection(&local_cs);
-  if (trace != 0) diagnostics().Print("%d AsyncSocket::~AsyncSocket Done", seen(s));
+  if (seen(trace) != 0) diagnostics().Print("%d AsyncSocket::~AsyncSocket Done", seen(s));
 }

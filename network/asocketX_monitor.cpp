@@ -61,8 +61,10 @@ struct Watched {
 };
 
 int epoll_fd = -1;  // the monitor thread's; others use it inside AsyncSocket::cs, while the thread runs
-std::vector<Watched> watched;        // by descriptor; inside AsyncSocket::cs
-std::vector<AsyncSocket*> retrying;  // held back for a while; inside AsyncSocket::cs
+
+// Never destroyed, because the process may exit while the thread runs. Inside AsyncSocket::cs.
+std::vector<Watched>& watched = *new std::vector<Watched>;             // by descriptor
+std::vector<AsyncSocket*>& retrying = *new std::vector<AsyncSocket*>;  // held back for a while
 
 /// The sockets to look at again, in the order in which they were changed. A leaf lock.
 std::mutex changed_mutex;
@@ -78,7 +80,7 @@ std::atomic<pthread_t> monitor_id{0};
 
 /// Tells those who wait in Free that a socket has been let go of, or that nobody will do it any more.
 std::mutex release_mutex;
-std::condition_variable released;
+std::condition_variable& released = *new std::condition_variable;  // never destroyed
 
 /// No descriptor's.
 constexpr std::uint64_t kPipeTicket = ~std::uint64_t{0};
@@ -253,7 +255,7 @@ void SocketMonitor::end_retries_locked() {
 unsigned SocketMonitor::interest_locked(AsyncSocket* socket) {
   unsigned events = EPOLLPRI;
   if (seen(socket->secure_state) == SecHandshake) {
-    if (AsyncSocket::trace != 0) {
+    if (seen(AsyncSocket::trace) != 0) {
       diagnostics().Print("%d AsyncSocket::MonitorThread - SSL Handshake", seen(socket->s));
     }
     return events | EPOLLIN;
@@ -264,7 +266,7 @@ unsigned SocketMonitor::interest_locked(AsyncSocket* socket) {
     if (state == SSConnecting || early) events |= EPOLLOUT;
   }
   if (socket->stop_reading()) {
-    if (AsyncSocket::trace != 0) {
+    if (seen(AsyncSocket::trace) != 0) {
       diagnostics().Print("%d AsyncSocket::MonitorThread - dont_read set", seen(socket->s));
     }
   } else if (!socket->retrying_) {
@@ -274,7 +276,7 @@ unsigned SocketMonitor::interest_locked(AsyncSocket* socket) {
 }
 
 void SocketMonitor::release_locked(AsyncSocket* socket) {
-  if (AsyncSocket::trace != 0) {
+  if (seen(AsyncSocket::trace) != 0) {
     diagnostics().Print("AsyncSocket::MonitorThread - delayed deletion of %p", static_cast<void*>(socket));
   }
   forget_locked(socket);
@@ -307,7 +309,7 @@ void SocketMonitor::update_locked(AsyncSocket* socket) {
 }
 
 void SocketMonitor::update_changed_locked() {
-  bool all = AsyncSocket::trace != 0;  // the trace shows every socket of every pass
+  bool all = seen(AsyncSocket::trace) != 0;  // the trace shows every socket of every pass
   {
     const std::lock_guard<std::mutex> lock(changed_mutex);
     all = all || all_changed;
@@ -347,7 +349,7 @@ void SocketMonitor::start_connect_locked(AsyncSocket* socket) {
   const int error = errno;
   const AddressText remote(socket->rem_sin);
   if (error == EINPROGRESS || error == EALREADY || error == EINTR) {
-    if (AsyncSocket::trace != 0) {
+    if (seen(AsyncSocket::trace) != 0) {
       diagnostics().Print("%d AsyncSocket::MonitorThread - connecting to %s:%u", fd, remote.c_str(),
                           socket->rem_sin.Port());
     }
@@ -385,7 +387,7 @@ void SocketMonitor::finish_connect_locked(AsyncSocket* socket) {
     const SectionLock lock(&socket->local_cs);
     socket->loc_sin = local;
   }
-  if (AsyncSocket::trace != 0) {
+  if (seen(AsyncSocket::trace) != 0) {
     diagnostics().Print("%d AsyncSocket::MonitorThread - connected to %s:%u", fd, remote.c_str(), port);
   }
   {
@@ -446,7 +448,7 @@ void SocketMonitor::handle_locked(AsyncSocket* socket, unsigned events) {
     send_early_data_locked(socket);
   }
   if (urgent) {
-    if (AsyncSocket::trace != 0) {
+    if (seen(AsyncSocket::trace) != 0) {
       diagnostics().Print("%d AsyncSocket::MonitorThread - except, calling Poll, running %d", seen(socket->s),
                           seen(socket->running) ? 1 : 0);
     }
@@ -454,7 +456,7 @@ void SocketMonitor::handle_locked(AsyncSocket* socket, unsigned events) {
     if (socket->urgent_) socket->Poll();
   }
   if (readable) {
-    if (AsyncSocket::trace != 0) {
+    if (seen(AsyncSocket::trace) != 0) {
       diagnostics().Print("%d AsyncSocket::MonitorThread - read, calling Poll, running %d", seen(socket->s),
                           seen(socket->running) ? 1 : 0);
     }
@@ -482,7 +484,7 @@ bool SocketMonitor::open_epoll() {
 }
 
 void SocketMonitor::take_wake_up() {
-  if (AsyncSocket::trace != 0) {
+  if (seen(AsyncSocket::trace) != 0) {
     diagnostics().Print("AsyncSocket::MonitorThread - select woken by signal pipe");
   }
   drain_pipe();
@@ -585,8 +587,8 @@ void SocketMonitor::wait_for_release(AsyncSocket* socket) {
 }
 
 void* AsyncSocket::MonitorThread(void* /*unused*/) {
-  if (trace != 0) diagnostics().Print("AsyncSocket::MonitorThread - started");
+  if (seen(trace) != 0) diagnostics().Print("AsyncSocket::MonitorThread - started");
   SocketMonitor::run();
-  if (trace != 0) diagnostics().Print("AsyncSocket::MonitorThread - exiting");
+  if (seen(trace) != 0) diagnostics().Print("AsyncSocket::MonitorThread - exiting");
   return nullptr;
 }

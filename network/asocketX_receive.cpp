@@ -181,7 +181,7 @@ OSBuf* AsyncSocket::take_received(int* left) {
     if (left != nullptr) qtrigger.Clear();
   }
   if (drained) {
-    if (trace != 0) diagnostics().Print("AsyncSocket::_QCallback - waking monitor thread");
+    if (seen(trace) != 0) diagnostics().Print("AsyncSocket::_QCallback - waking monitor thread");
     // Not when it has not noticed: see stop_reading.
     if (seen(reading_stopped_)) SocketMonitor::look_at(this);
   }
@@ -246,7 +246,7 @@ void AsyncSocket::Poll() {
 
 /// An urgent byte means nothing to the layers above; left where it is, the socket would stay ready.
 void AsyncSocket::drop_urgent_byte() {
-  if (trace != 0) {
+  if (seen(trace) != 0) {
     const AddressText remote(rem_sin);
     const AddressText local(loc_sin);
     diagnostics().Print("%d AsyncSocket::Poll select() errno=%d(exception) for %s:%u on %s:%u", seen(s),
@@ -266,7 +266,7 @@ bool AsyncSocket::wait_until_readable() {
     return false;
   }
   if ((waited.revents & (POLLIN | POLLHUP | POLLERR)) == 0) {
-    if (trace != 0) {
+    if (seen(trace) != 0) {
       const AddressText remote(rem_sin);
       const AddressText local(loc_sin);
       diagnostics().Print("%d AsyncSocket::Poll select() errno=%d(not ready) for %s:%u on %s:%u", seen(s),
@@ -284,7 +284,7 @@ int AsyncSocket::waiting_bytes() {
   const int fd = seen(s);
   int bytes = 0;
   if (ioctl(fd, FIONREAD, &bytes) == -1) {
-    if (trace != 0) {
+    if (seen(trace) != 0) {
       const AddressText remote(rem_sin);
       const AddressText local(loc_sin);
       diagnostics().Print("%d AsyncSocket::Poll ioctl() errno=%d(read bytes available) for %s:%u on %s:%u",
@@ -299,7 +299,7 @@ int AsyncSocket::waiting_bytes() {
   const ssize_t peeked = recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
   if (peeked > 0) return kSmallRead_bytes;
   if (peeked == -1 && (errno == EAGAIN || errno == EINTR)) return kNothing;
-  if (trace != 0) {
+  if (seen(trace) != 0) {
     const AddressText remote(rem_sin);
     const AddressText local(loc_sin);
     diagnostics().Print("%d AsyncSocket::Poll ioctl() no bytes available for %s:%u on %s:%u", fd,
@@ -315,7 +315,7 @@ OSBuf* AsyncSocket::receive_buffer(int* waiting) {
   if (seen(big_buffers_allowed) && *waiting >= kLargeRead_bytes) {
     OSBuf* const large = alloc_array_buffer(*waiting, LargeBufferCallback);
     if (large != nullptr) {
-      if (trace != 0) {
+      if (seen(trace) != 0) {
         const AddressText remote(rem_sin);
         const AddressText local(loc_sin);
         diagnostics().Print("%d AsyncSocket::Poll recvfrom() LargeBuffer Used %d for %s:%u on %s:%u", seen(s),
@@ -376,7 +376,7 @@ OSBuf* AsyncSocket::read_once(OSBuf* buf, int waiting) {
       // Pinned by socket_receive_failure_test.cpp, AnInterruptedReadStopsReceptionAndNothingElse.
       diagnostics().Print("%d AsyncSocket::Poll - EINTR", fd);
       publish(running, false);
-    } else if (trace != 0) {
+    } else if (seen(trace) != 0) {
       const AddressText remote(rem_sin);
       const AddressText local(loc_sin);
       diagnostics().Print("%d AsyncSocket::Poll recvfrom() errno=%d(EAGAIN %s) for %s:%u on %s:%u", fd, error,
@@ -392,7 +392,7 @@ OSBuf* AsyncSocket::read_once(OSBuf* buf, int waiting) {
       buf->Free();
       return nullptr;
     }
-    if (trace != 0) {
+    if (seen(trace) != 0) {
       const AddressText remote(rem_sin);
       const AddressText local(loc_sin);
       diagnostics().Print("%d AsyncSocket::Poll recvfrom() errno=%d for %s:%u on %s:%u", fd, error,
@@ -405,7 +405,8 @@ OSBuf* AsyncSocket::read_once(OSBuf* buf, int waiting) {
       buf->Free();
       return nullptr;
     }
-    if (trace != 0) diagnostics().Print("%d AsyncSocket::Poll - recvfrom returned zero - normal close", fd);
+    if (seen(trace) != 0)
+      diagnostics().Print("%d AsyncSocket::Poll - recvfrom returned zero - normal close", fd);
     publish(state, int{SSDisconnected});
     make_control(buf, 1, Normal, 0);
     publish(running, false);
@@ -413,7 +414,7 @@ OSBuf* AsyncSocket::read_once(OSBuf* buf, int waiting) {
     buf->length = static_cast<UWORD>(received);
     if (type == SOCK_DGRAM) std::memcpy(buf->data - kSender_bytes, &from.sin, kSender_bytes);
   }
-  if (trace >= 2) {
+  if (seen(trace) >= 2) {
     const SockAddr& sender = type == SOCK_DGRAM ? from : rem_sin;
     const AddressText remote(sender);
     diagnostics().Print("%d AsyncSocket::Poll - Received %d bytes from %s:%u", fd, buf->length,
@@ -451,7 +452,7 @@ void AsyncSocket::accept_one() {
     }
     return;
   }
-  if (trace != 0) {
+  if (seen(trace) != 0) {
     const AddressText remote(peer);
     diagnostics().Print("%d AsyncSocket::Poll - new connection %d from %s, %u", seen(s), fd, remote.c_str(),
                         peer.Port());

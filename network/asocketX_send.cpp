@@ -27,7 +27,7 @@ OSIORetCode AsyncSocket::DataIndication(OSBuf* buf) {
     buf->Free();
     return NoConnection;
   }
-  if (trace >= 2) {
+  if (seen(trace) >= 2) {
     const AddressText remote(rem_sin);
     const AddressText local(loc_sin);
     diagnostics().Print("%d AsyncSocket::DataIndication - Sending %d bytes to %s:%u from %s:%u", seen(s),
@@ -61,7 +61,7 @@ bool AsyncSocket::sends_early_data() {
 }
 
 AsyncSocket::Queued AsyncSocket::queue_until_connected(OSBuf* buf) {
-  if (trace >= 2) diagnostics().Print("AsyncSocket::DataIndication - Queuing buffer");
+  if (seen(trace) >= 2) diagnostics().Print("AsyncSocket::DataIndication - Queuing buffer");
   const SectionLock lock(&local_cs);
   // The connection may have come up, or failed, since the caller looked: its state changes inside this section.
   switch (seen(state)) {
@@ -240,7 +240,7 @@ OSIORetCode AsyncSocket::DatagramIndication(OSBuf* buf, void* /*source*/, void* 
   }
   SockAddr to(rem_sin);
   if (!connected) to = static_cast<sockaddr*>(dest);
-  if (trace >= 2) {
+  if (seen(trace) >= 2) {
     const AddressText remote(to);
     const AddressText local(loc_sin);
     diagnostics().Print("%d AsyncSocket::DatagramIndication - Sending %d bytes to %s:%u from %s:%u", seen(s),

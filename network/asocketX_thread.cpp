@@ -36,7 +36,7 @@ void AsyncSocket::StartTask() {
     }
     if (!seen(listener)) publish(receive_started, true);
     publish(running, true);
-    if (trace != 0) diagnostics().Print("AsyncSocket::StartTask - waking monitor thread");
+    if (seen(trace) != 0) diagnostics().Print("AsyncSocket::StartTask - waking monitor thread");
   }
   SocketMonitor::look_at(this);
 }
@@ -60,7 +60,7 @@ void AsyncSocket::start_thread_locked() {
     startRetry->SetTimer(retryTimeout);
     if (retryTimeout <= kDoubledUpTo_ms) retryTimeout *= 2;
   }
-  if (trace != 0) {
+  if (seen(trace) != 0) {
     diagnostics().Print("%d AsyncSocket::StartTask - thread %p", seen(s), printable(thread));
   }
 }
@@ -88,7 +88,7 @@ void* AsyncSocket::Main(LPVOID p) {
 }
 
 void AsyncSocket::receive_until_stopped(const SocketVisit& visit) {
-  if (trace != 0) diagnostics().Print("%d AsyncSocket::Main - Started receive thread", seen(s));
+  if (seen(trace) != 0) diagnostics().Print("%d AsyncSocket::Main - Started receive thread", seen(s));
   if (type == SOCK_STREAM && seen(state) == SSInitial) {
     if (!connect_blocking() || visit.gone()) return;
     send_early_data_blocking(visit);
@@ -96,7 +96,7 @@ void AsyncSocket::receive_until_stopped(const SocketVisit& visit) {
   }
   if (ring == nullptr) ring = new RingBuffer(kRingBuffers);
   while (!visit.gone() && seen(running)) Poll();
-  if (!visit.gone() && trace != 0)
+  if (!visit.gone() && seen(trace) != 0)
     diagnostics().Print("%d AsyncSocket::Main - Stopped receive thead", seen(s));
 }
 
@@ -149,7 +149,7 @@ bool AsyncSocket::connect_blocking() {
 }
 
 void AsyncSocket::send_early_data_blocking(const SocketVisit& visit) {
-  if (trace != 0) diagnostics().Print("AsyncSocket::Main - Forwarding queued data");
+  if (seen(trace) != 0) diagnostics().Print("AsyncSocket::Main - Forwarding queued data");
   for (;;) {
     OSBuf* buf = nullptr;
     {
@@ -178,7 +178,8 @@ void AsyncSocket::send_early_data_blocking(const SocketVisit& visit) {
 
 void* AsyncSocket::ListenMain(LPVOID p) {
   auto* const socket = static_cast<AsyncSocket*>(p);
-  if (trace != 0) diagnostics().Print("%d AsyncSocket::ListenMain - Started listen thead", seen(socket->s));
+  if (seen(trace) != 0)
+    diagnostics().Print("%d AsyncSocket::ListenMain - Started listen thead", seen(socket->s));
   while (seen(socket->running)) {
     SockAddr peer;
     socklen_t length = sizeof(sockaddr_in);
@@ -194,13 +195,14 @@ void* AsyncSocket::ListenMain(LPVOID p) {
       Sleep(kAcceptBackOff_ms);
       continue;
     }
-    if (trace != 0) {
+    if (seen(trace) != 0) {
       const AddressText remote(peer);
       diagnostics().Print("%d AsyncSocket::ListenMain - new connection %d from %s, %u", seen(socket->s), fd,
                           remote.c_str(), peer.Port());
     }
     socket->queue_connection(fd, peer);
   }
-  if (trace != 0) diagnostics().Print("%d AsyncSocket::ListenMain - Stopped listen thead", seen(socket->s));
+  if (seen(trace) != 0)
+    diagnostics().Print("%d AsyncSocket::ListenMain - Stopped listen thead", seen(socket->s));
   return nullptr;
 }

@@ -68,13 +68,13 @@ AsyncSocket* TPKTSocket::GetNewSocket(int skt) {
 // ---- Sending -----------------------------------------------------------------------------------------------
 
 OSIORetCode TPKTSocket::DataIndication(OSBuf* buf) {
-  if (trace >= 2)
+  if (seen(trace) >= 2)
     diagnostics().Print("%d TPKTSocket::DataIndication - Sending %d bytes", seen(s), buf->length);
   return push_header(buf) ? AsyncSocket::DataIndication(buf) : Blocked;
 }
 
 OSIORetCode TPKTSocket::DataExpeditedIndication(OSBuf* buf) {
-  if (trace >= 2) {
+  if (seen(trace) >= 2) {
     diagnostics().Print("%d TPKTSocket::DataExpeditedIndication - Sending %d bytes", seen(s), buf->length);
   }
   // Deliberate: goes on to this class's DataIndication, which frames once more. See tpkt.h.
@@ -192,7 +192,8 @@ void TPKTSocket::fail() {
 }
 
 void TPKTSocket::TPKTReceive(OSBuf* buf) {
-  if (trace >= 2) diagnostics().Print("%d TPKTSocket::TPKTReceive - Received %d bytes", seen(s), buf->length);
+  if (seen(trace) >= 2)
+    diagnostics().Print("%d TPKTSocket::TPKTReceive - Received %d bytes", seen(s), buf->length);
   AsyncSocket::ProcessData(buf);
 }
 
