@@ -29,7 +29,7 @@ int AsyncSocket::Connect(ULONG addr, UWORD port) {
     rem_sin.Set(addr, port);
   }
   if (rem_sin.IsMulticast()) set_multicast_options();
-  if (type == SOCK_DGRAM) {
+  if (seen(type) == SOCK_DGRAM) {
     publish(state, int{SSConnected});
   } else {
     StartTask();

@@ -57,7 +57,7 @@ struct AsyncSocket::Texts {
 // ---- Making and binding ------------------------------------------------------------------------------------
 
 int AsyncSocket::Create(int Atype, int skt) {
-  type = Atype;
+  publish(type, Atype);
   publish(s, skt);
   SockAddr local;
   if (local_name(skt, &local)) {
@@ -83,7 +83,7 @@ int AsyncSocket::create(const Texts& texts, int Atype, UWORD port, ULONG addr, b
   if (addr == 0) addr = seen(local_ipaddr);
   int fd = seen(s);
   if (fd == -1) {
-    type = Atype;
+    publish(type, Atype);
     fd = socket(AF_INET, Atype, 0);
     if (fd == -1) {
       const int error = errno;
@@ -100,7 +100,7 @@ int AsyncSocket::create(const Texts& texts, int Atype, UWORD port, ULONG addr, b
     loc_sin = local;
   }
   set_on(fd, SO_BROADCAST);
-  if (type == SOCK_STREAM || (type == SOCK_DGRAM && reuse_allowed)) set_on(fd, SO_REUSEADDR);
+  if (seen(type) == SOCK_STREAM || (seen(type) == SOCK_DGRAM && reuse_allowed)) set_on(fd, SO_REUSEADDR);
   if (indirect_socket) set_nonblocking(fd);
   if (send_timeout) setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof kSendTimeout);
   if (bind(fd, local, sizeof local.sin) != 0) {
@@ -126,7 +126,7 @@ int AsyncSocket::create(const Texts& texts, int Atype, UWORD port, ULONG addr, b
     diagnostics().Print("%d AsyncSocket::%s() local_sin %d %08x", fd, texts.operation, int{local.Port()},
                         unsigned{local.Address()});
   }
-  if (type == SOCK_DGRAM) StartTask();
+  if (seen(type) == SOCK_DGRAM) StartTask();
   return 0;
 }
 
@@ -150,7 +150,7 @@ int AsyncSocket::create_multicast(const Texts& texts, SockAddr& addr, MulticastF
                                   bool start) {
   SockAddr group(addr);        // addr may be an end of this socket
   if (seen(s) != -1) Close();  // the descriptor of an earlier creation would be lost
-  type = SOCK_DGRAM;
+  publish(type, int{SOCK_DGRAM});
   const int fd = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
   const int error = errno;
   if (seen(trace) != 0) {

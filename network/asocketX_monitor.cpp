@@ -116,19 +116,21 @@ void SocketMonitor::look_at(AsyncSocket* socket) {
       (last_changed != nullptr ? last_changed->next_changed_ : first_changed) = socket;
       last_changed = socket;
     }
+    wake_locked();
   }
-  wake();
 }
 
 void SocketMonitor::look_at_all() {
   {
     const std::lock_guard<std::mutex> lock(changed_mutex);
     all_changed = true;
+    wake_locked();
   }
-  wake();
 }
 
-void SocketMonitor::wake() {
+/// Inside changed_mutex, which close_pipe takes as well: the byte does not go into a descriptor that has been closed
+/// and its number given away. The pipe does not block.
+void SocketMonitor::wake_locked() {
   // The thread itself looks at the changes before it waits again.
   if (is_current_thread()) return;
   const int fd = seen(AsyncSocket::sigpipefd);
@@ -154,6 +156,7 @@ void SocketMonitor::open_pipe() {
 }
 
 void SocketMonitor::close_pipe() {
+  const std::lock_guard<std::mutex> lock(changed_mutex);
   for (int* const end : {&AsyncSocket::sigpipefd, &AsyncSocket::sigfd}) {
     const int fd = std::atomic_ref(*end).exchange(-1);
     if (fd != -1) close(fd);
@@ -260,7 +263,7 @@ unsigned SocketMonitor::interest_locked(AsyncSocket* socket) {
     }
     return events | EPOLLIN;
   }
-  if (socket->type == SOCK_STREAM) {
+  if (seen(socket->type) == SOCK_STREAM) {
     const int state = seen(socket->state);
     const bool early = state == SSConnected && seen(socket->early_waiting_);
     if (state == SSConnecting || early) events |= EPOLLOUT;
@@ -294,7 +297,7 @@ void SocketMonitor::update_locked(AsyncSocket* socket) {
     return;
   }
   if (socket->indirect_socket && seen(socket->running) && seen(socket->s) != -1 &&
-      socket->type == SOCK_STREAM && !seen(socket->listener) && seen(socket->state) == SSInitial) {
+      seen(socket->type) == SOCK_STREAM && !seen(socket->listener) && seen(socket->state) == SSInitial) {
     start_connect_locked(socket);
   }
   // Bytes that a framing socket has held back go first, before there is more to read.

@@ -147,7 +147,7 @@ class SocketMonitor {
   struct Events;
 
   static void open_pipe();
-  static void wake();
+  static void wake_locked();
   static void drain_pipe();
   static bool open_epoll();
   static void take_wake_up();

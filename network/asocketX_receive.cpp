@@ -122,23 +122,29 @@ void AsyncSocket::Receive(OSBuf* buf) {
   // The partner may free this socket: nothing of it is touched behind an indication.
   OSIO* const partner_now = Partner();
   OSIO* const above = partner_now != nullptr ? partner_now : &OSNullIO;
-  SockAddr local(loc_sin);
+  const bool datagram = seen(type) == SOCK_DGRAM;
   if (buf->length != 0) {
-    SockAddr remote(rem_sin);
-    if (type == SOCK_DGRAM) std::memcpy(&remote.sin, buf->data - kSender_bytes, kSender_bytes);
+    SockAddr local;
+    SockAddr remote;
+    {
+      const SectionLock lock(&local_cs);
+      local = loc_sin;
+      remote = rem_sin;
+    }
+    if (datagram) std::memcpy(&remote.sin, buf->data - kSender_bytes, kSender_bytes);
     buf->destPtr = *reinterpret_cast<ADDR*>(above);  // the class of the partner: its table of operations
     buf->local_ipaddr = local.AddressNet();
     buf->local_port = local.PortNet();
     buf->remote_ipaddr = remote.AddressNet();
     buf->remote_port = remote.PortNet();
-    if (type == SOCK_DGRAM) {
+    if (datagram) {
       above->DatagramIndication(buf, &remote, &local);
     } else {
       above->DataIndication(buf);
     }
     return;
   }
-  const int bytes = type == SOCK_DGRAM ? 0 : control_bytes_of(buf);
+  const int bytes = datagram ? 0 : control_bytes_of(buf);
   UBYTE control[kControl_bytes] = {};
   if (bytes > 0) std::memcpy(control, buf->data, static_cast<std::size_t>(bytes));
   buf->Free();
@@ -292,7 +298,7 @@ int AsyncSocket::waiting_bytes() {
     }
     return kNothing;
   }
-  if (type == SOCK_DGRAM || bytes != 0) return std::clamp(bytes, 0, kMostRead_bytes);
+  if (seen(type) == SOCK_DGRAM || bytes != 0) return std::clamp(bytes, 0, kMostRead_bytes);
   // Nothing waits: the peer has closed, unless the report of readiness was out of date, or the stream stands where an
   // urgent byte has been, which FIONREAD does not look across.
   char byte = 0;
@@ -380,7 +386,7 @@ OSBuf* AsyncSocket::read_once(OSBuf* buf, int waiting) {
       const AddressText remote(rem_sin);
       const AddressText local(loc_sin);
       diagnostics().Print("%d AsyncSocket::Poll recvfrom() errno=%d(EAGAIN %s) for %s:%u on %s:%u", fd, error,
-                          type == SOCK_DGRAM ? "UDP cksum err?" : "recoverable", remote.c_str(),
+                          seen(type) == SOCK_DGRAM ? "UDP cksum err?" : "recoverable", remote.c_str(),
                           rem_sin.Port(), local.c_str(), loc_sin.Port());
     }
     buf->Free();
@@ -401,7 +407,7 @@ OSBuf* AsyncSocket::read_once(OSBuf* buf, int waiting) {
     publish(state, int{SSDisconnected});
     make_control(buf, 1, Failed, error);
   } else if (received == 0) {
-    if (type == SOCK_DGRAM) {
+    if (seen(type) == SOCK_DGRAM) {
       buf->Free();
       return nullptr;
     }
@@ -412,10 +418,10 @@ OSBuf* AsyncSocket::read_once(OSBuf* buf, int waiting) {
     publish(running, false);
   } else {
     buf->length = static_cast<UWORD>(received);
-    if (type == SOCK_DGRAM) std::memcpy(buf->data - kSender_bytes, &from.sin, kSender_bytes);
+    if (seen(type) == SOCK_DGRAM) std::memcpy(buf->data - kSender_bytes, &from.sin, kSender_bytes);
   }
   if (seen(trace) >= 2) {
-    const SockAddr& sender = type == SOCK_DGRAM ? from : rem_sin;
+    const SockAddr& sender = seen(type) == SOCK_DGRAM ? from : rem_sin;
     const AddressText remote(sender);
     diagnostics().Print("%d AsyncSocket::Poll - Received %d bytes from %s:%u", fd, buf->length,
                         remote.c_str(), sender.Port());

@@ -34,7 +34,7 @@ OSIORetCode AsyncSocket::DataIndication(OSBuf* buf) {
                         buf->length, remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
     buf->Print();
   }
-  if (type == SOCK_DGRAM) return send_datagram(buf);
+  if (seen(type) == SOCK_DGRAM) return send_datagram(buf);
   if (seen(state) != SSConnected) {
     switch (queue_until_connected(buf)) {
       case Queued::kQueued:

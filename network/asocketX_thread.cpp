@@ -89,7 +89,7 @@ void* AsyncSocket::Main(LPVOID p) {
 
 void AsyncSocket::receive_until_stopped(const SocketVisit& visit) {
   if (seen(trace) != 0) diagnostics().Print("%d AsyncSocket::Main - Started receive thread", seen(s));
-  if (type == SOCK_STREAM && seen(state) == SSInitial) {
+  if (seen(type) == SOCK_STREAM && seen(state) == SSInitial) {
     if (!connect_blocking() || visit.gone()) return;
     send_early_data_blocking(visit);
     if (visit.gone()) return;

@@ -152,7 +152,7 @@ bool DNSEntry::add_socket_locked(AsyncSocket* socket) {
   OSLink* link = sockets.AppendLink(socket);
   if (link == nullptr) return false;
   try {
-    generations_.push_back(socket->generation_);
+    waiting_.push_back({socket, socket->generation_});
   } catch (const std::bad_alloc&) {
     sockets.RemoveLink(link);
     return false;
@@ -164,13 +164,16 @@ bool DNSEntry::add_socket_locked(AsyncSocket* socket) {
 // program has put it into the list itself.
 ULONG DNSEntry::take_socket_locked(AsyncSocket** socket) {
   OSLink* link = sockets.First();
-  *socket = static_cast<AsyncSocket*>(static_cast<OSListObj*>(link->object));
-  sockets.RemoveLink(link);
   ULONG generation = 0;
-  if (!generations_.empty()) {
-    generation = generations_.front();
-    generations_.erase(generations_.begin());
+  if (waiting_.empty()) {
+    *socket = static_cast<AsyncSocket*>(static_cast<OSListObj*>(link->object));
+  } else {
+    // Not by way of the list's object, which cannot be looked at when the socket is gone.
+    *socket = waiting_.front().socket;
+    generation = waiting_.front().generation;
+    waiting_.erase(waiting_.begin());
   }
+  sockets.RemoveLink(link);
   return generation;
 }
 

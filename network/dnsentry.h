@@ -97,9 +97,12 @@ class OSKERNEL_API DNSEntry : public OSListObj {
   void deliver_locked();
 
   // All under cs.
-  /// What tells a waiting socket from a later one at the same address: generation i belongs to the i-th of
-  /// `sockets`.
-  std::vector<ULONG> generations_;
+  /// The i-th of `sockets`, and what tells it from a later one at the same address. The socket may be gone.
+  struct Waiting {
+    AsyncSocket* socket;
+    ULONG generation;
+  };
+  std::vector<Waiting> waiting_;
   OSLink* listed_;        ///< this entry's link in `entries`
   OSLink* pending_link_;  ///< its link in `pending`, null when it is not there
   int holds_;             ///< how many work on it
