@@ -13,8 +13,9 @@
 /// A line ends with a carriage return. Line feeds are dropped wherever they stand, and so are bytes of 128 and more;
 /// a line that ends with a line feed alone goes on with the next one.
 ///
-/// A program that destroys one while its dispatcher may be inside Receive frees the socket in the destructor of its own
-/// class, or destroys it on the dispatching thread (`done`): what a derived class has is gone before the base waits.
+/// A program that destroys one while its dispatcher may be inside Receive frees `socket`, and sets it to null, in the
+/// destructor of its own class, or destroys it on the dispatching thread (`done`): what a derived class has is gone
+/// before the base waits.
 ///
 /// Threads: Receive and the indications run on the thread that dispatches the socket's queue trigger; the sends on
 /// their caller's.

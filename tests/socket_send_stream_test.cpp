@@ -1,0 +1,396 @@
+// Sending on a stream: at once on the caller's thread, waiting for room, and what a failure does.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/interposed_calls.h"
+#include "support/socket_pairs.h"
+#include "support/watched_thread.h"
+
+using namespace oskernel_test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+class SocketSend : public NetworkTest, public testing::WithParamInterface<bool> {
+ protected:
+  void TearDown() override {
+    calls().restore_all();
+    NetworkTest::TearDown();
+  }
+  bool indirect() const { return GetParam(); }
+  OwnedSocket established(RecordingLayer* layer, PeerStream* peer) {
+    return established_stream(layer, peer, indirect());
+  }
+  /// Connected, and nobody receives: what the peer does is not noticed before the next send.
+  OwnedSocket deaf(RecordingLayer* layer, PeerStream* peer) {
+    OwnedSocket socket = adopted_stream(layer, peer, indirect());
+    put_into(socket->state, static_cast<int>(SSConnected));
+    return socket;
+  }
+  /// Answers send of one descriptor: the n-th call, from 1, may send so many bytes or fails with a negative errno.
+  void answer_sends(int s, std::function<long(int n, size_t count)> answer) {
+    sends_ = 0;
+    calls().send.replace(
+        [this, s, answer](auto real, int fd, const void* bytes, size_t count, int flags) -> ssize_t {
+          if (fd != s) return real(fd, bytes, count, flags);
+          const long allowed = answer(++sends_, count);
+          if (allowed >= 0)
+            return real(fd, bytes, static_cast<size_t>(allowed) < count ? allowed : count, flags);
+          errno = static_cast<int>(-allowed);
+          return -1;
+        });
+  }
+  /// Lets waits on this descriptor for room fail.
+  void answer_waits(int s, std::function<int()> answer) {
+    calls().poll.replace([s, answer](auto real, pollfd* fds, nfds_t count, int timeout_ms) {
+      for (nfds_t i = 0; i < count; ++i) {
+        if (fds[i].fd == s && (fds[i].events & POLLOUT) != 0) {
+          errno = answer();
+          if (errno != 0) return -1;
+        }
+      }
+      return real(fds, count, timeout_ms);
+    });
+    calls().select.replace(
+        [s, answer](auto real, int count, fd_set* reads, fd_set* writes, fd_set* excepts, timeval* timeout) {
+          if (writes != nullptr && s < count && FD_ISSET(s, writes)) {
+            errno = answer();
+            if (errno != 0) return -1;
+          }
+          return real(count, reads, writes, excepts, timeout);
+        });
+  }
+
+  std::atomic<int> sends_{0};
+};
+
+TEST_P(SocketSend, SendsAtOnceOnTheCallersThread) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = established(&layer, &peer);
+  EXPECT_EQ(socket->DataIndication(buffer_of("hello")), Success);
+  EXPECT_EQ(PoolState::now().buffers_out, 0) << "the buffer is free when the call returns";
+  EXPECT_EQ(peer.receive(5), "hello");
+}
+
+TEST_P(SocketSend, ExpeditedDataIsDataLikeAnyOther) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = established(&layer, &peer);
+  EXPECT_EQ(socket->DataIndication(buffer_of("first,")), Success);
+  EXPECT_EQ(socket->DataExpeditedIndication(buffer_of("second")), Success);
+  EXPECT_EQ(peer.receive(12), "first,second");
+}
+
+TEST_P(SocketSend, ExpeditedDataGoesThroughTheSubclass) {
+  class Doubling : public AsyncSocket {
+   public:
+    using AsyncSocket::AsyncSocket;
+    OSIORetCode DataIndication(OSBuf* buf) override {
+      const OSIORetCode answer = AsyncSocket::DataIndication(buf->Duplicate());
+      AsyncSocket::DataIndication(buf);
+      return answer == Success ? BufferContainsResult : answer;
+    }
+  };
+  RecordingLayer layer;
+  PeerStream peer;
+  Owned<Doubling> socket(new Doubling(indirect()));
+  adopt_stream(socket.get(), &layer, &peer);
+  socket->ConnectAck();
+  EXPECT_EQ(socket->DataExpeditedIndication(buffer_of("x")), BufferContainsResult);
+  EXPECT_EQ(peer.receive(2), "xx");
+}
+
+TEST_P(SocketSend, AnEmptyBufferSendsNothing) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = established(&layer, &peer);
+  answer_sends(socket->s, [](int, size_t count) { return static_cast<long>(count); });
+  EXPECT_EQ(socket->DataIndication(buffer_of("")), Success);
+  EXPECT_EQ(sends_, 0);
+  EXPECT_EQ(PoolState::now().buffers_out, 0);
+}
+
+TEST_P(SocketSend, ALargeBufferGoesOutWhole) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = established(&layer, &peer);
+  const std::string sent = numbered_bytes(65535);
+  WatchedThread sender([&] { EXPECT_EQ(socket->DataIndication(buffer_of(sent)), Success); });
+  EXPECT_TRUE(peer.receive(sent.size()) == sent);
+}
+
+TEST_P(SocketSend, LengthsThatMarkBuffersElsewhereAreOrdinary) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = established(&layer, &peer);
+  for (const std::size_t size : {21845U, 43690U}) {
+    const std::string sent = numbered_bytes(size);
+    WatchedThread sender([&] { EXPECT_EQ(socket->DataIndication(buffer_of(sent)), Success); });
+    EXPECT_TRUE(peer.receive(size) == sent);
+  }
+}
+
+TEST_P(SocketSend, APartialSendGoesOnWithTheRest) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = established(&layer, &peer);
+  answer_sends(socket->s, [](int n, size_t) { return n < 20 ? 7L : 100000L; });
+  const std::string sent = numbered_bytes(1500);
+  EXPECT_EQ(socket->DataIndication(buffer_of(sent)), Success);
+  EXPECT_EQ(sends_, 20);
+  EXPECT_TRUE(peer.receive(sent.size()) == sent);
+}
+
+TEST_P(SocketSend, WaitsWhileThereIsNoRoom) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = established(&layer, &peer);
+  const std::string piece = numbered_bytes(60000);
+  std::string expected;
+  for (int i = 0; i < 150; ++i) expected += piece;
+  std::atomic<int> failed{0};
+  WatchedThread sender([&] {
+    for (int i = 0; i < 150; ++i) failed += socket->DataIndication(buffer_of(piece)) == Success ? 0 : 1;
+  });
+  EXPECT_TRUE(sender.blocked());
+  EXPECT_TRUE(peer.receive(expected.size()) == expected);
+  EXPECT_TRUE(sender.finished_within(kPatienceMs));
+  EXPECT_EQ(failed, 0);
+}
+
+TEST_P(SocketSend, NoRoomAfterAllIsWaitedForAgain) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = established(&layer, &peer);
+  answer_sends(socket->s,
+               [](int n, size_t count) -> long { return n <= 5 ? -EAGAIN : static_cast<long>(count); });
+  EXPECT_EQ(socket->DataIndication(buffer_of("patient")), Success);
+  EXPECT_EQ(sends_, 6);
+  EXPECT_EQ(peer.receive(7), "patient");
+  EXPECT_THAT(console.calls(), IsEmpty());
+}
+
+TEST_P(SocketSend, AnErrorDisconnectsWithItsCode) {
+  for (const int error : {EPIPE, ECONNRESET, ENOBUFS}) {
+    SCOPED_TRACE(error);
+    RecordingLayer layer;
+    PeerStream peer;
+    OwnedSocket socket = deaf(&layer, &peer);
+    const int s = socket->s;
+    answer_sends(s, [error](int n, size_t) -> long { return n == 1 ? 2 : -error; });
+    EXPECT_EQ(socket->DataIndication(buffer_of("lost")), Blocked);
+    ASSERT_TRUE(layer.wait_for(1));
+    EXPECT_THAT(layer.story(), ElementsAre("disconnect(4," + std::to_string(error) + ")"));
+    EXPECT_EQ(look_at(socket->state), SSDisconnected);
+    EXPECT_EQ(console.count(
+                  line("%d AsyncSocket::DataIndication: send() errno=%d to 127.0.0.1:%u from 127.0.0.1:%u", s,
+                       error, peer.local_port(), socket->LocalPort())),
+              1);
+    EXPECT_EQ(socket->DataIndication(buffer_of("too late")), NoConnection);
+    EXPECT_EQ(layer.count(), 1U);
+    console.clear();
+  }
+}
+
+TEST_P(SocketSend, TheErrorComesBehindWhatWasReceivedBefore) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = established(&layer, &peer);
+  const int s = socket->s;
+  ASSERT_TRUE(peer.send_all("before"));
+  ASSERT_TRUE(layer.wait_for_bytes(6));
+  answer_sends(s, [](int, size_t) -> long { return -EPIPE; });
+  EXPECT_EQ(socket->DataIndication(buffer_of("lost")), Blocked);
+  ASSERT_TRUE(layer.wait_for(2));
+  EXPECT_THAT(layer.story(), ElementsAre("data:before", "disconnect(4,32)"));
+}
+
+TEST_P(SocketSend, APeerThatIsGoneRaisesNoSignal) {
+  struct sigaction deadly = {}, before = {};
+  deadly.sa_handler = SIG_DFL;
+  sigaction(SIGPIPE, &deadly, &before);
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = deaf(&layer, &peer);
+  peer.reset();
+  // The first send may still be told of the reset; the next one finds the pipe broken.
+  OSIORetCode answer = Success;
+  for (int i = 0; i < 1000 && answer == Success; ++i) answer = socket->DataIndication(buffer_of("anybody"));
+  EXPECT_EQ(answer, Blocked);
+  put_into(socket->state, static_cast<int>(SSConnected));
+  EXPECT_EQ(socket->DataIndication(buffer_of("anybody")), Blocked);
+  ASSERT_TRUE(layer.wait_for(2));
+  EXPECT_EQ(layer.all().back().text(), "disconnect(4,32)");
+  sigaction(SIGPIPE, &before, nullptr);
+}
+
+TEST_P(SocketSend, EarlyDataToAPeerThatIsGoneRaisesNoSignal) {
+  PeerListener listener;
+  RecordingLayer layer;
+  OwnedSocket socket(new AsyncSocket(indirect()));
+  socket->Bind(&layer);
+  ASSERT_EQ(socket->Create(SOCK_STREAM, 0, 0, false), 0);
+  for (int i = 0; i < 20; ++i) ASSERT_EQ(socket->DataIndication(buffer_of(numbered_bytes(1500))), Success);
+  answer_sends(socket->s, [&](int n, size_t) {
+    if (n == 1) listener.accept().reset();
+    return n < 4 ? 100L : 100000L;
+  });
+  ASSERT_EQ(socket->Connect(kLoopback, listener.port()), 0);
+  ASSERT_TRUE(layer.wait_for_connect());
+  ASSERT_TRUE(layer.wait_for_disconnect());
+}
+
+TEST_P(SocketSend, OnADisconnectedSocketNothingIsSent) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = established(&layer, &peer);
+  peer.close();
+  ASSERT_TRUE(layer.wait_for_disconnect());
+  answer_sends(socket->s, [](int, size_t count) { return static_cast<long>(count); });
+  EXPECT_EQ(socket->DataIndication(buffer_of("too late")), NoConnection);
+  EXPECT_EQ(socket->DataExpeditedIndication(buffer_of("too late")), NoConnection);
+  EXPECT_EQ(sends_, 0);
+  EXPECT_EQ(PoolState::now().buffers_out, 0);
+}
+
+TEST_P(SocketSend, WithoutADescriptorFailsWithCodeZero) {
+  RecordingLayer layer;
+  OwnedSocket socket(new AsyncSocket(indirect()));
+  socket->Bind(&layer);
+  socket->type = SOCK_STREAM;
+  put_into(socket->state, static_cast<int>(SSConnected));
+  EXPECT_EQ(socket->DataIndication(buffer_of("where to")), Blocked);
+  ASSERT_TRUE(layer.wait_for(1));
+  EXPECT_THAT(layer.story(), ElementsAre("disconnect(4,0)"));
+}
+
+TEST_P(SocketSend, InTheMiddleOfAHandshakeFailsWithCodeZero) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = deaf(&layer, &peer);
+  put_into(socket->secure_state, static_cast<int>(SecHandshake));
+  EXPECT_EQ(socket->DataIndication(buffer_of("plain text")), Blocked);
+  ASSERT_TRUE(layer.wait_for(1));
+  EXPECT_THAT(layer.story(), ElementsAre("disconnect(4,0)"));
+  EXPECT_EQ(peer.receive_now(), "");
+}
+
+TEST_P(SocketSend, AFailedWaitDisconnectsWithItsCode) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = deaf(&layer, &peer);
+  const int s = socket->s;
+  answer_sends(s, [](int, size_t) -> long { return -EAGAIN; });
+  answer_waits(s, [] { return ENOMEM; });
+  EXPECT_EQ(socket->DataIndication(buffer_of("lost")), Blocked);
+  ASSERT_TRUE(layer.wait_for(1));
+  EXPECT_THAT(layer.story(), ElementsAre("disconnect(4,12)"));
+  EXPECT_EQ(console.count(line("%d AsyncSocket::DataIndication: select() error 12", s)), 1);
+}
+
+TEST_P(SocketSend, AnUrgentByteThatWaitsIsAnErrorForOneThatWaitsToSend) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = deaf(&layer, &peer);
+  const int s = socket->s;
+  ASSERT_TRUE(peer.send_urgent('!'));
+  ASSERT_TRUE(wait_for_events(s, POLLPRI));
+  answer_sends(s, [](int, size_t) -> long { return -EAGAIN; });
+  EXPECT_EQ(socket->DataIndication(buffer_of("lost")), Blocked);
+  ASSERT_TRUE(layer.wait_for(1));
+  EXPECT_THAT(layer.story(), ElementsAre("disconnect(4,0)"));
+  EXPECT_EQ(console.count(line("%d AsyncSocket::DataIndication: select() error on socket", s)), 1);
+}
+
+TEST_P(SocketSend, ASocketThatIsClosedMeanwhileLetsItsSenderGo) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = deaf(&layer, &peer);
+  const std::string piece = numbered_bytes(60000);
+  std::atomic<OSIORetCode> answer{Success};
+  WatchedThread sender([&] {
+    while (answer == Success) answer = socket->DataIndication(buffer_of(piece));
+  });
+  ASSERT_TRUE(sender.blocked());
+  socket->Close();
+  EXPECT_TRUE(sender.finished_within(kPatienceMs));
+  EXPECT_NE(answer, Success);
+}
+
+TEST_P(SocketSend, SaysWhatItSends) {
+  put_into(AsyncSocket::trace, 2);
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = established(&layer, &peer);
+  EXPECT_EQ(socket->DataIndication(buffer_of("hello")), Success);
+  EXPECT_EQ(
+      console.count(line("%d AsyncSocket::DataIndication - Sending 5 bytes to 127.0.0.1:%u from 127.0.0.1:%u",
+                         socket->s, peer.local_port(), socket->LocalPort())),
+      1);
+  put_into(AsyncSocket::trace, 1);
+  EXPECT_EQ(socket->DataIndication(buffer_of("hello")), Success);
+  EXPECT_EQ(console.count("Sending 5 bytes"), 1) << "only at level 2";
+}
+
+TEST_P(SocketSend, ManyThreadsSendWithoutLosingAByte) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = established(&layer, &peer);
+  constexpr int kThreads = 4, kMessages = 300;
+  std::vector<std::thread> senders;
+  for (int i = 0; i < kThreads; ++i) {
+    senders.emplace_back([&socket, i] {
+      for (int n = 0; n < kMessages; ++n) {
+        EXPECT_EQ(socket->DataIndication(buffer_of(std::string(10, static_cast<char>('a' + i)))), Success);
+      }
+    });
+  }
+  const std::string got = peer.receive(kThreads * kMessages * 10);
+  for (std::thread& sender : senders) sender.join();
+  for (int i = 0; i < kThreads; ++i) {
+    EXPECT_EQ(std::count(got.begin(), got.end(), static_cast<char>('a' + i)), kMessages * 10);
+  }
+}
+
+TEST_P(SocketSend, BothWaysAtOnce) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = established(&layer, &peer);
+  const std::string there = numbered_bytes(400000, 1), back = numbered_bytes(400000, 2);
+  std::thread sender([&] {
+    for (std::size_t at = 0; at < there.size(); at += 1000) {
+      EXPECT_EQ(socket->DataIndication(buffer_of(there.substr(at, 1000))), Success);
+    }
+  });
+  std::thread answering([&] { EXPECT_TRUE(peer.send_all(back)); });
+  EXPECT_TRUE(peer.receive(there.size()) == there);
+  EXPECT_TRUE(layer.wait_for_bytes(back.size()));
+  sender.join();
+  answering.join();
+  EXPECT_TRUE(layer.data() == back);
+}
+
+TEST_P(SocketSend, TheOtherIndicationsOfTheLayerAboveAreAnswered) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = established(&layer, &peer);
+  EXPECT_EQ(socket->ConnectIndication(nullptr), Success);
+  EXPECT_EQ(socket->DisconnectIndication(Normal, 0), Success);
+  EXPECT_TRUE(peer.ended()) << "both ways are shut down";
+  ASSERT_TRUE(layer.wait_for_disconnect());
+  EXPECT_THAT(layer.story(), ElementsAre("disconnect(5,0)"));
+}
+
+INSTANTIATE_TEST_SUITE_P(, SocketSend, testing::Values(true, false),
+                         [](const auto& kind) { return std::string(kind.param ? "Indirect" : "Direct"); });
+
+}  // namespace
