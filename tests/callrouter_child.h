@@ -1,4 +1,4 @@
-// Runs the call router as a child process, with a time limit on everything.
+// Runs the call router, or another program, as a child process, with a time limit on everything.
 #ifndef OSKERNEL_TESTS_CALLROUTER_CHILD_H
 #define OSKERNEL_TESTS_CALLROUTER_CHILD_H
 
@@ -85,6 +85,12 @@ class Collector {
     return true;
   }
 
+  /// What has arrived until now.
+  std::string so_far() {
+    const std::lock_guard lock(mutex_);
+    return text_;
+  }
+
   /// Everything, once the other side has closed.
   std::string all() {
     std::unique_lock lock(mutex_);
@@ -126,8 +132,9 @@ class Child {
 
   /// The descriptors become the program's first three; -1 leaves one closed. With `terminal` the program leads
   /// a session whose terminal is its standard input.
-  Child(std::vector<std::string> arguments, int in, int out, int err, bool terminal = false) {
-    arguments.insert(arguments.begin(), CALLROUTER_PROGRAM);
+  Child(std::vector<std::string> arguments, int in, int out, int err, bool terminal = false,
+        const char* program = CALLROUTER_PROGRAM) {
+    arguments.insert(arguments.begin(), program);
     std::vector<char*> argv;
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
@@ -147,7 +154,7 @@ class Child {
       setsid();
       ioctl(0, TIOCSCTTY, 0);
     }
-    execv(argv[0], argv.data());
+    execvp(argv[0], argv.data());
     _exit(127);
   }
   ~Child() {
@@ -159,6 +166,7 @@ class Child {
   Child& operator=(const Child&) = delete;
 
   void send(int number) const { kill(pid_, number); }
+  pid_t pid() const { return pid_; }
 
   Result wait() {
     Result result;
@@ -201,8 +209,9 @@ class PipedChild {
   Pipe in_pipe_, out_pipe_, err_pipe_;
 
  public:
-  explicit PipedChild(std::vector<std::string> arguments)
-      : child(std::move(arguments), in_pipe_.read.get(), out_pipe_.write.get(), err_pipe_.write.get()),
+  explicit PipedChild(std::vector<std::string> arguments, const char* program = CALLROUTER_PROGRAM)
+      : child(std::move(arguments), in_pipe_.read.get(), out_pipe_.write.get(), err_pipe_.write.get(), false,
+              program),
         in(std::move(in_pipe_.write)),
         out(std::move(out_pipe_.read)),
         err(std::move(err_pipe_.read)) {
@@ -216,8 +225,9 @@ class PipedChild {
   Descriptor in, out, err;
 };
 
-inline Outcome run_program(std::vector<std::string> arguments, std::string_view input = "") {
-  PipedChild program(std::move(arguments));
+inline Outcome run_program(std::vector<std::string> arguments, std::string_view input = "",
+                           const char* path = CALLROUTER_PROGRAM) {
+  PipedChild program(std::move(arguments), path);
   Collector out_text(std::move(program.out)), err_text(std::move(program.err));
   std::thread feeder([&] {
     write_all(program.in.get(), input);

@@ -1,98 +1,28 @@
 #include "examples/callrouter/app.h"
 
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <iostream>
 #include <memory>
 #include <optional>
 
+#include "examples/callrouter/kernel_run.h"
 #include "examples/callrouter/operator_console.h"
 #include "examples/callrouter/plan_file.h"
 #include "examples/callrouter/progress.h"
 #include "examples/callrouter/reader.h"
 #include "examples/callrouter/road.h"
+#include "examples/callrouter/serve.h"
 #include "examples/callrouter/session.h"
+#include "examples/callrouter/signals.h"
 #include "examples/callrouter/stop.h"
 #include "examples/callrouter/terminal.h"
-#include "kernel/kernel.h"
 
 namespace callrouter {
 namespace {
-
-// ---- signals
-
-std::atomic<Stop*> stop_on_signal{nullptr};
-std::atomic<int> signal_received{0};
-
-// The first signal asks for an orderly end. Whoever sends a second one does not want to wait for it.
-extern "C" void on_signal(int number) {
-  Stop* stop = stop_on_signal.load();
-  int none = 0;
-  if (stop == nullptr || !signal_received.compare_exchange_strong(none, number)) {
-    RawTerminal::restore();
-    _exit(kExitSignal + number);
-  }
-  const int saved_errno = errno;
-  stop->request(Stop::Reason::kSignal);
-  errno = saved_errno;
-}
-
-// While it lives, the signals that end a program request a stop. They are delivered to the thread that makes
-// it: every thread that starts meanwhile inherits them blocked, so that no wait of the kernel is interrupted.
-class SignalStop {
- public:
-  explicit SignalStop(Stop& stop) {
-    stop_on_signal = &stop;
-    struct sigaction action {};
-    action.sa_handler = on_signal;
-    action.sa_flags = SA_RESTART;
-    sigfillset(&action.sa_mask);
-    sigemptyset(&set_);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
-      sigaddset(&set_, number);
-      // What our parent ignores stays ignored: nohup works, and so does a background job of a plain shell.
-      struct sigaction before {};
-      sigaction(number, nullptr, &before);
-      if (before.sa_handler != SIG_IGN) sigaction(number, &action, nullptr);
-    }
-    pthread_sigmask(SIG_BLOCK, &set_, nullptr);
-  }
-  // From now on, with every thread of the road started.
-  void deliver() { pthread_sigmask(SIG_UNBLOCK, &set_, nullptr); }
-  ~SignalStop() { stop_on_signal = nullptr; }
-  SignalStop(const SignalStop&) = delete;
-  SignalStop& operator=(const SignalStop&) = delete;
-
- private:
-  sigset_t set_;
-};
-
-// ---- the kernel, for as long as this lives
-
-class Kernel {
- public:
-  explicit Kernel(OSConsole& console) : cfg_(road_config()) {
-    Console = &console;
-    os_startup(nullptr, 0, &cfg_);
-    if (OS_TRIG_TASK != nullptr) OSTaskTag::SetName("trigger", OS_TRIG_TASK->thread_id);
-  }
-  ~Kernel() {
-    os_cleanup();
-    Console = nullptr;
-  }
-  Kernel(const Kernel&) = delete;
-  Kernel& operator=(const Kernel&) = delete;
-
- private:
-  KernelCfg cfg_;  // the kernel refers to it as long as it runs
-};
-
-// ---- what is told at the beginning and at the end
 
 // An input's name as it appears in the answers, which are lines.
 std::string name_of(const std::string& input) {
@@ -140,13 +70,14 @@ int report(const Options& options, const Road& road, const Stop& stop, const Sum
     std::cerr << "callrouter: standard output: " << std::strerror(road.output_error()) << std::endl;
     return kExitOutput;
   }
-  if (stop.reason() == Stop::Reason::kSignal && !road.complete()) return kExitSignal + signal_received.load();
+  if (stop.reason() == Stop::Reason::kSignal && !road.complete()) return kExitSignal + SignalStop::received();
   return kExitOk;
 }
 
 }  // namespace
 
 int run(const Options& options) {
+  if (options.serving) return serve(options);
   const std::unique_ptr<Plan> plan = options.plan.empty() ? default_plan() : load_plan(options.plan);
   const std::optional<std::uint64_t> total_bytes = check_inputs(options.inputs);
   std::vector<std::string> names;
@@ -160,13 +91,13 @@ int run(const Options& options) {
   OperatorConsole console(STDIN_FILENO, options.inputs.empty() ? STDOUT_FILENO : STDERR_FILENO, stop);
   Stats stats;
   Progress progress(stats, progress_for(options, total_bytes.has_value()), total_bytes);
-  const Kernel kernel(console);
+  const KernelRun kernel(console, road_config());
   Road road(*plan, options.inputs, names, *formatter, stats, stop, console.tracing());
   progress.start();
   signals.deliver();
 
   if (options.console) {
-    Session session(console, {*plan, stats, road.window(), progress});
+    Session session(console, {*plan, stats, progress, &road.window(), nullptr});
     // Without a word from the operator the numbers are all answered first.
     if (session.run() == Session::End::kQuit) stop.request(Stop::Reason::kOperator);
   }

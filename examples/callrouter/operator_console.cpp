@@ -93,7 +93,7 @@ void OperatorConsole::Notify(const char* format, ...) {
   va_end(arguments);
 }
 
-int OperatorConsole::Getc() {
+bool OperatorConsole::wait_for_input() {
   while (at_ == filled_ && !ended_) {
     pollfd wait[2] = {{in_, POLLIN, 0}, {stop_.fd(), POLLIN, 0}};
     if (poll(wait, 2, -1) < 0) continue;  // EINTR
@@ -104,7 +104,11 @@ int OperatorConsole::Getc() {
     filled_ = got > 0 ? static_cast<std::size_t>(got) : 0;
     if (got <= 0) break;
   }
-  if (at_ == filled_ || (terminal_ && block_[at_] == kEndOfInput)) {
+  return at_ != filled_;
+}
+
+int OperatorConsole::Getc() {
+  if (!wait_for_input() || (terminal_ && block_[at_] == kEndOfInput)) {
     ended_ = true;
     at_ = filled_;
     return -1;

@@ -34,6 +34,10 @@ class OperatorConsole : public OSConsole {
   /// terminal.
   int Getc() override;
 
+  /// Waits until the input brings something.
+  ///   returns   false when it ends first, or a stop is requested
+  bool wait_for_input();
+
   /// Text to the dialog.
   void say(std::string_view text);
 

@@ -11,6 +11,9 @@
 namespace callrouter {
 namespace {
 
+// Each takes some thirty kilobytes of message buffers.
+constexpr int kMostConnections = 20000;
+
 constexpr const char* kDescription =
     "Finds, for each dialled number, the longest matching prefix of a numbering plan and says where the call "
     "goes.";
@@ -22,8 +25,15 @@ Standard error gets the progress of a long input and the summary.
 
 A plan is a CSV file with the columns prefix, destination and gateway.
 
-Exit codes: 0 every line was answered, 1 the answers could not be written, 2 the command line, the plan or an
-input is in error, 128 + N ended by signal N before the end of the input.)";
+With --serve, numbers come over the network instead: as text lines (one number each, ended by CR, LF or CR LF;
+try nc or telnet), as packets of RFC 1006, or both; every request gets its answer, in order. The ports that the
+system has chosen stand on standard output, "serving lines on ADDR:PORT" and "serving tpkt on ADDR:PORT". It goes
+on until a signal or the operator's quit; standard input is the operator's, and its end ends nothing unless it is
+a terminal.
+
+Exit codes: 0 every line was answered, or serving has ended as asked; 1 the answers could not be written, or
+serving left something behind; 2 the command line, the plan, an input or a port is in error; 128 + N ended by
+signal N before the end of the input.)";
 
 }  // namespace
 
@@ -38,15 +48,49 @@ std::optional<Options> read_options(int argc, const char* const* argv, int& exit
   app.add_option("--plan", options.plan, "Numbering plan to use instead of the one built in")
       ->type_name("FILE");
   auto* json_flag = app.add_flag("--json", json, "Answer with a JSON object a line; the summary is one, too");
-  app.add_flag("--csv", csv, "Answer in CSV with a header row")->excludes(json_flag);
+  auto* csv_flag = app.add_flag("--csv", csv, "Answer in CSV with a header row");
+  csv_flag->excludes(json_flag);
   app.add_flag("--console", options.console,
                "Open the operator console on the terminal; \"help\" lists its commands");
   app.add_flag("-q,--quiet", options.quiet, "Print neither progress nor summary");
+  auto* serve_flag =
+      app.add_flag("--serve", options.serving, "Serve the network; brings the operator console");
+  serve_flag->excludes(json_flag)->excludes(csv_flag);
+  ServeOptions& serve = options.serve;
+  app.add_option("--tpkt", serve.tpkt_port, "Port for RFC 1006 packets; 0 lets the system choose")
+      ->type_name("PORT")
+      ->check(CLI::Range(0, 65535))
+      ->needs(serve_flag);
+  app.add_option(
+         "--line", serve.line_port,
+         "Port for text lines. Without --tpkt and --line both are served, on ports the system chooses")
+      ->type_name("PORT")
+      ->check(CLI::Range(0, 65535))
+      ->needs(serve_flag);
+  app.add_option("--bind", serve.address, "Address to serve, 0.0.0.0 for every one of this machine")
+      ->type_name("ADDR")
+      ->capture_default_str()
+      ->needs(serve_flag);
+  app.add_option("--connections", serve.connections, "Connections at the same time; more are turned away")
+      ->type_name("N")
+      ->check(CLI::Range(1, kMostConnections))
+      ->capture_default_str()
+      ->needs(serve_flag);
+  app.add_option("--idle", serve.idle_s, "Seconds after which a connection without a request is closed")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.1, 86400.0))
+      ->capture_default_str()
+      ->needs(serve_flag);
   app.set_version_flag("--version", "callrouter " CALLROUTER_VERSION);
 
   try {
     app.parse(argc, argv);
-    if (options.inputs.empty() && !options.console) options.inputs.emplace_back("-");
+    if (options.serving && !options.inputs.empty()) {
+      throw CLI::ValidationError("--serve", "takes its numbers from the network, not from files");
+    }
+    if (!serve.tpkt_port && !serve.line_port) serve.tpkt_port = serve.line_port = 0;
+    if (serve.address.empty()) throw CLI::ValidationError("--bind", "needs an address");
+    if (options.inputs.empty() && !options.console && !options.serving) options.inputs.emplace_back("-");
     const auto standard_inputs = std::count(options.inputs.begin(), options.inputs.end(), "-");
     if (options.console && standard_inputs > 0) {
       throw CLI::ValidationError("--console",

@@ -65,6 +65,7 @@ void Plan::add(std::string prefix, std::string destination, std::string gateway,
     throw std::invalid_argument(fmt::format("prefix {} stands already in line {}", row->prefix,
                                             static_cast<const PlanRow*>(earlier)->line));
   }
+  rows_.push_back(row.get());
   tree_.Add(row.release());
   longest_ = std::max(longest_, digits);
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "kernel/btree.h"
 
@@ -71,9 +72,12 @@ class Plan {
   const PlanRow* match(std::string_view digits) const;
 
   int size() const { return tree_.size; }
+  /// The rows in the order in which they were added.
+  const std::vector<const PlanRow*>& rows() const { return rows_; }
 
  private:
   mutable OSBTree tree_;  ///< searching counts its comparisons in the tree, under the tree's own lock
+  std::vector<const PlanRow*> rows_;
   int longest_ = 0;
 };
 

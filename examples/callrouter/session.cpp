@@ -15,6 +15,7 @@
 #include "kernel/kernel.h"
 #include "kernel/task.h"
 #include "kernel/trigger.h"
+#include "network/asocket.h"
 
 namespace callrouter {
 namespace {
@@ -22,7 +23,14 @@ namespace {
 constexpr int kLineBytes = 256;
 constexpr std::size_t kHistoryLines = 20;
 
+constexpr std::string_view kNotServing = "the network is not served; that takes --serve\n";
+
 using Dialog = OperatorConsole::Dialog;
+
+std::string dotted(std::uint32_t address) {
+  char text[16];
+  return SockAddr(address, 0).AddressStr(text);
+}
 
 std::string_view task_state(OSTState state) {
   switch (state) {
@@ -61,6 +69,9 @@ const std::vector<Session::Command>& Session::commands() {
       {"buffers", "", "every message buffer in use, and what the pools hold", &Session::buffers},
       {"tasks", "", "every task", &Session::tasks},
       {"timers", "", "every timer that is armed", &Session::timers},
+      {"sockets", "", "every connection that is served", &Session::sockets},
+      {"names", "", "the host names that are known", &Session::names},
+      {"resolve", "NAME", "look up a host name", &Session::resolve},
       {"route", "NUMBER", "where a number goes", &Session::route},
       {"trace", "", "show each number's way and the kernel's remarks, or stop showing them", &Session::trace},
       {"help", "", "this list", &Session::help},
@@ -125,8 +136,9 @@ void Session::carry_out(std::string_view line) {
 
 void Session::stats(std::string_view) {
   std::string text = summarize(subjects_.stats).text();
-  text += fmt::format("in the last second {}, on the way now {}\n", grouped(subjects_.progress.last_second()),
-                      subjects_.window.in_flight());
+  text += fmt::format("in the last second {}", grouped(subjects_.progress.last_second()));
+  if (subjects_.window != nullptr) text += fmt::format(", on the way now {}", subjects_.window->in_flight());
+  text += '\n';
   console_.say(text);
 }
 
@@ -162,6 +174,59 @@ void Session::timers(std::string_view) {
   }
   LeaveCriticalSection(&OS_CRITICAL_TRIGGER);
   console_.say(text.empty() ? "no timer is armed\n" : text);
+}
+
+void Session::sockets(std::string_view) {
+  if (subjects_.server == nullptr) return console_.say(kNotServing);
+  std::string text;
+  for (const Framing framing : {Framing::kPackets, Framing::kLines}) {
+    if (const int port = subjects_.server->port(framing)) {
+      text += fmt::format("serving {} on port {}\n", name_of(framing), port);
+    }
+  }
+  const auto all = subjects_.server->connections();
+  text += fmt::format("{} of {} connections\n", grouped(all.size()),
+                      grouped(static_cast<std::uint64_t>(subjects_.server->most_connections())));
+  if (!all.empty()) {
+    text +=
+        fmt::format("{:>6}  {:<6} {:<22} {:>10} {:>7} {:>9}\n", "", "", "peer", "answered", "queued", "idle");
+  }
+  for (const auto& one : all) {
+    text += fmt::format("{:>6}  {:<6} {:<22} {:>10} {:>7} {:>7} s{}\n", one.number, name_of(one.framing),
+                        one.peer, grouped(one.answered), one.queued, one.idle_ms / 1000,
+                        one.waiting ? "  does not read its answers" : "");
+  }
+  console_.say(text);
+}
+
+void Session::names(std::string_view) {
+  if (subjects_.server == nullptr) return console_.say(kNotServing);
+  std::string text;
+  EnterCriticalSection(&DNSEntry::cs);
+  OSListIterator walk(&DNSEntry::entries);
+  while (OSListObj* object = walk++) {
+    const auto* entry = static_cast<DNSEntry*>(object);
+    if (entry->dnsaddr == 0) {
+      text += fmt::format("{:<40} being looked up\n", entry->dnsname);
+      continue;
+    }
+    // Delivered a moment after it is found; the time to live runs from then.
+    const bool delivered = entry->timer.duration != 0;
+    const auto left_ms =
+        static_cast<std::int32_t>(entry->timer.start_time + entry->timer.duration - os_clock());
+    text += fmt::format("{:<40} {:<15}", entry->dnsname, dotted(entry->dnsaddr));
+    text += delivered ? fmt::format(" for another {} s\n", std::max(left_ms, 0) / 1000) : std::string("\n");
+  }
+  LeaveCriticalSection(&DNSEntry::cs);
+  console_.say(text.empty() ? "no name is known\n" : text);
+}
+
+void Session::resolve(std::string_view name) {
+  if (subjects_.server == nullptr) return console_.say(kNotServing);
+  const std::uint32_t address = DNSEntry::Lookup(std::string(name).c_str(), nullptr);
+  console_.say(address != 0
+                   ? fmt::format("{} is {}\n", name, dotted(address))
+                   : fmt::format("{} is being looked up; \"names\" shows it once it is found\n", name));
 }
 
 void Session::route(std::string_view number) {

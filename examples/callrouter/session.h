@@ -10,6 +10,7 @@
 #include "examples/callrouter/operator_console.h"
 #include "examples/callrouter/plan.h"
 #include "examples/callrouter/progress.h"
+#include "examples/callrouter/server.h"
 #include "examples/callrouter/stats.h"
 #include "examples/callrouter/window.h"
 
@@ -23,8 +24,9 @@ class Session {
   struct Subjects {
     const Plan& plan;
     const Stats& stats;
-    const Window& window;
     const Progress& progress;
+    const Window* window;      ///< null while the network is served
+    const ServerTask* server;  ///< null while files are routed
   };
 
   /// Lends everything.
@@ -45,6 +47,9 @@ class Session {
   void buffers(std::string_view);
   void tasks(std::string_view);
   void timers(std::string_view);
+  void sockets(std::string_view);
+  void names(std::string_view);
+  void resolve(std::string_view name);
   void route(std::string_view number);
   void trace(std::string_view);
   void help(std::string_view);

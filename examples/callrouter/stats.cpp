@@ -22,7 +22,7 @@ std::string Summary::text() const {
   out += "lowest free buffers:";
   const char* separator = " ";
   for (const Pool& pool : pools) {
-    if (pool.quantity <= 0) continue;
+    if (pool.quantity <= 0 || pool.size <= 0) continue;
     out += fmt::format("{}{} of {} ({} bytes)", separator, grouped(static_cast<std::uint64_t>(pool.lowest)),
                        grouped(static_cast<std::uint64_t>(pool.quantity)), pool.size);
     separator = ", ";
@@ -33,7 +33,7 @@ std::string Summary::text() const {
 std::string Summary::json() const {
   nlohmann::ordered_json free = nlohmann::ordered_json::array();
   for (const Pool& pool : pools) {
-    if (pool.quantity <= 0) continue;
+    if (pool.quantity <= 0 || pool.size <= 0) continue;
     free.push_back({{"bytes", pool.size}, {"quantity", pool.quantity}, {"lowest_free", pool.lowest}});
   }
   const nlohmann::ordered_json summary = {{"routed", routed},
