@@ -24,6 +24,10 @@
 /// indicated. Peers use such packets as keep-alives. Pinned by tpkt_test.cpp,
 /// AnEmptyPacketAtTheEndOfASegmentIsCompletedByTheNextOne.
 ///
+/// A received packet takes a buffer of the pools, and one of 1680 bytes or more a buffer of class 0, a callback and heap
+/// storage of its own; so does the header for a moment (class 1). Size KernelCfg for the connections that may be in the
+/// middle of a packet and for 10 packets that wait in each.
+///
 /// Always indirect. What is half received survives Close; the destructor frees it.
 class OSKERNEL_API TPKTSocket : public AsyncSocket {
  public:
