@@ -186,14 +186,15 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   // ---- Options and information -------------------------------------------------------------------------------
 
   void SetDiffServ(UBYTE diffserv);  ///< the whole type-of-service byte (IP_TOS) as it is
-  void SetBigBuffers(bool allowed);  ///< reads of 1680 bytes and more get a buffer of their size
-  ULONG LocalIP_n();                 ///< local address, network order; asks the system while it is 0
-  ULONG LocalIP_h();                 ///< the same in host order
-  UWORD LocalPort();                 ///< local port, host order; asks the system while it is 0
-  char* RemoteIPText();              ///< rem_sin as text, in rem_sin.addr_str
-  ULONG RemoteIP_n();                ///< rem_sin's address, network order
-  ULONG RemoteIP_h();                ///< host order
-  UWORD RemotePort();                ///< host order
+  /// Lets reads of 1680 bytes and more take a buffer of their size: one of class 0 with storage on the heap.
+  void SetBigBuffers(bool allowed);
+  ULONG LocalIP_n();     ///< local address, network order; asks the system while it is 0
+  ULONG LocalIP_h();     ///< the same in host order
+  UWORD LocalPort();     ///< local port, host order; asks the system while it is 0
+  char* RemoteIPText();  ///< rem_sin as text, in rem_sin.addr_str
+  ULONG RemoteIP_n();    ///< rem_sin's address, network order
+  ULONG RemoteIP_h();    ///< host order
+  UWORD RemotePort();    ///< host order
 
   /// Starts the networking layer: monitor thread, name cache. The constructor calls it.
   ///   returns   TRUE
