@@ -17,9 +17,8 @@ namespace {
 using Target = int (*)(const std::uint8_t* input, std::size_t size);
 
 std::vector<std::filesystem::path> corpus_of(const std::string& target) {
-  const auto root = std::filesystem::path(__FILE__).parent_path().parent_path();
   std::vector<std::filesystem::path> inputs;
-  for (const auto& entry : std::filesystem::directory_iterator(root / "fuzz" / "corpus" / target)) {
+  for (const auto& entry : std::filesystem::directory_iterator(std::filesystem::path(FUZZ_CORPUS) / target)) {
     if (entry.is_regular_file()) inputs.push_back(entry.path());
   }
   std::sort(inputs.begin(), inputs.end());
