@@ -31,6 +31,7 @@ constexpr unsigned int kForever = 0xFFFFFFFF;
 constexpr UWORD kTriggerTaskPriority = 5;
 constexpr int kTimerSlice_ms = 30;
 constexpr int kPollSlice_ms = 10;
+constexpr int kSignalsOfOnePass = 64;  // bounded, so that those who signal all the time do not hold a pass up
 constexpr ULONG kSlowAction_ms = 500;
 
 /// Whether os_trig_timer_thread names a thread to join; start and stop only.
@@ -290,8 +291,10 @@ void OSTriggerTask::Main() {
     if (delay_ms != 0) SetEvent(load(os_trig_timer_event));
     const HANDLE event = load(os_trig_event);
     WaitForSingleObject(event, kForever);
-    // One pass finds all that is ready. Poll triggers are asked as often as somebody signals.
-    while (!polls && WaitForSingleObject(event, 0) == 0) {
+    // One pass finds all that is ready, however many signals have come. Poll triggers are asked as often as
+    // somebody signals.
+    for (int more = 0; more < kSignalsOfOnePass && !polls && !told(done); ++more) {
+      if (WaitForSingleObject(event, 0) != 0) break;
     }
   }
 }

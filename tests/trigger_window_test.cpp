@@ -28,6 +28,10 @@ struct AfterPost {
 };
 thread_local AfterPost after_post;
 
+/// The semaphore whose waiters are noted, and whether one has come.
+std::atomic<const sem_t*> watched{nullptr};
+std::atomic<bool> waiter_has_come{false};
+
 }  // namespace
 
 // The executable's symbols come before the C library's, for the shared library under test too.
@@ -39,6 +43,12 @@ extern "C" __attribute__((visibility("default"))) int sem_post(sem_t* sem) noexc
     caught.work();
   }
   return result;
+}
+
+extern "C" __attribute__((visibility("default"))) int sem_wait(sem_t* sem) {
+  static const auto next = reinterpret_cast<int (*)(sem_t*)>(dlsym(RTLD_NEXT, "sem_wait"));
+  if (watched == sem) waiter_has_come = true;
+  return next(sem);
 }
 
 namespace {
@@ -245,7 +255,10 @@ TEST_F(TriggerWindows, ActionsThatOtherThreadsHaveInHandDoNotHideThisOne) {
 }
 
 TEST_F(TriggerWindows, ATriggerTaskThatEndsBeforeItIsWaitedForIsStillItsDestroyersToDelete) {
+  // A post is caught inside the section in which an event is looked up: the task must have looked it up by then.
+  watched = semaphore_of(os_trig_event);
   auto* task = new OSTriggerTask;
+  ASSERT_TRUE(wait_until([] { return waiter_has_come.load(); }, kPatienceMs));
   {
     // The destructor has told the task to end and has not begun to wait for it.
     const Catch moment(semaphore_of(os_trig_event), [] { EXPECT_TRUE(threads_come_to(0)); });
