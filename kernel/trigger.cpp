@@ -140,8 +140,9 @@ void OSTrigger::ReadyAppend() {
   ready_list_ = own_list ? &tls->OS_READY_LIST : &OS_READY_LIST;
   passed_over_ = false;
   ready_list_->Append(this);
+  const bool later = !own_list && OSTriggerDispatch::is_signalled_later_locked();
   lock.leave();
-  SetEvent(event);
+  if (!later) SetEvent(event);
 }
 
 void OSTrigger::ReadyRemove() {

@@ -24,6 +24,7 @@ OSTriggerDispatch::Watch* OSTriggerDispatch::watches_ = nullptr;
 OSTriggerDispatch::Walk* OSTriggerDispatch::walks_ = nullptr;
 OSTriggerDispatch::Act* OSTriggerDispatch::acts_ = nullptr;
 std::uint64_t OSTriggerDispatch::pass_ = 0;
+bool* OSTriggerDispatch::owed_ = nullptr;
 
 namespace {
 
@@ -181,6 +182,22 @@ void OSTriggerDispatch::unlist_locked(OSLinkList* list, OSTrigger* trigger) {
   }
   list->Remove(link);
 }
+
+// ---- One signal for many -------------------------------------------------------------------------------------
+
+OSTriggerDispatch::LateSignal::LateSignal(bool* owed) : lock_(&OS_CRITICAL_TRIGGER), outer_(owed_) {
+  owed_ = owed;
+}
+
+OSTriggerDispatch::LateSignal::~LateSignal() { owed_ = outer_; }
+
+bool OSTriggerDispatch::is_signalled_later_locked() {
+  if (owed_ == nullptr) return false;
+  *owed_ = true;
+  return true;
+}
+
+void OSTriggerDispatch::signal_task() { SetEvent(load(os_trig_event)); }
 
 // ---- Dispatch ----------------------------------------------------------------------------------------------
 

@@ -87,6 +87,24 @@ class OSTriggerDispatch {
   /// A ready trigger's list is being destroyed: the trigger stays ready, in no list.
   static void ready_list_gone_locked(OSTrigger* trigger) { trigger->ready_list_ = nullptr; }
 
+  /// While it lives, triggers that become ready on the global list do not wake the trigger task: whoever makes many
+  /// of them ready in a row signals once, at the end. Holds OS_CRITICAL_TRIGGER for its life.
+  class LateSignal {
+   public:
+    ///   owed      set when a signal has been left out; signal_task makes up for it
+    explicit LateSignal(bool* owed);
+    ~LateSignal();
+    LateSignal(const LateSignal&) = delete;
+    LateSignal& operator=(const LateSignal&) = delete;
+
+   private:
+    SectionLock lock_;
+    bool* outer_;
+  };
+  /// Whether a LateSignal takes note of a signal to the trigger task.
+  static bool is_signalled_later_locked();
+  static void signal_task();
+
   static void check_timers_locked();
   static void check_polls_locked();
   /// Actions what is ready on the list; leaves the section around every action. With `timed`, reports each that
@@ -100,6 +118,7 @@ class OSTriggerDispatch {
   static Walk* walks_;
   static Act* acts_;
   static std::uint64_t pass_;
+  static bool* owed_;  ///< of the innermost LateSignal; inside OS_CRITICAL_TRIGGER
 };
 
 /// OS_TIMER_LIST with an index that finds a new timer's place without walking the list. All inside

@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -12,9 +13,11 @@
 #include <cerrno>
 #include <condition_variable>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "kernel/kernel.h"
+#include "kernel/trigger_priv.h"
 #include "network/asocketX.h"
 #include "network/asocketX_priv.h"
 
@@ -46,6 +49,8 @@ class DescriptorSet {
   int highest_ = -1;
 };
 
+/// The datagrams that are read for one event of their socket.
+constexpr int kMostDatagrams = 16;
 /// One batch: long enough that a wake-up serves many sockets, short enough that others who want cs get it.
 constexpr int kMostEvents = 64;
 /// From this size on, a batch is a sign that the next one is not far.
@@ -59,6 +64,9 @@ struct Watched {
   AsyncSocket* socket = nullptr;
   std::uint32_t generation = 0;
 };
+
+bool in_pass = false;         // the thread deals with the events of a pass; its own
+bool signal_is_owed = false;  // a trigger has become ready in that pass; the thread's own
 
 int epoll_fd = -1;  // the monitor thread's; others use it inside AsyncSocket::cs, while the thread runs
 
@@ -107,25 +115,23 @@ bool SocketMonitor::is_current_thread() {
   return id != 0 && pthread_equal(id, pthread_self()) != 0;
 }
 
+bool* SocketMonitor::signal_owed() { return is_current_thread() && in_pass ? &signal_is_owed : nullptr; }
+
 void SocketMonitor::look_at(AsyncSocket* socket) {
-  {
-    const std::lock_guard<std::mutex> lock(changed_mutex);
-    if (!socket->changed_) {
-      socket->changed_ = true;
-      socket->next_changed_ = nullptr;
-      (last_changed != nullptr ? last_changed->next_changed_ : first_changed) = socket;
-      last_changed = socket;
-    }
-    wake_locked();
+  const std::lock_guard<std::mutex> lock(changed_mutex);
+  if (!socket->changed_) {
+    socket->changed_ = true;
+    socket->next_changed_ = nullptr;
+    (last_changed != nullptr ? last_changed->next_changed_ : first_changed) = socket;
+    last_changed = socket;
   }
+  wake_locked();
 }
 
 void SocketMonitor::look_at_all() {
-  {
-    const std::lock_guard<std::mutex> lock(changed_mutex);
-    all_changed = true;
-    wake_locked();
-  }
+  const std::lock_guard<std::mutex> lock(changed_mutex);
+  all_changed = true;
+  wake_locked();
 }
 
 /// Inside changed_mutex, which close_pipe takes as well: the byte does not go into a descriptor that has been closed
@@ -436,6 +442,14 @@ void SocketMonitor::send_early_data_locked(AsyncSocket* socket) {
   look_at(socket);  // no more to be watched for writing
 }
 
+bool SocketMonitor::has_more_datagrams(AsyncSocket* socket) {
+  if (seen(socket->type) != SOCK_DGRAM || seen(AsyncSocket::trace) != 0) return false;
+  if (!seen(socket->running) || socket->retrying_ || seen(socket->dont_read)) return false;
+  int waiting = 0;
+  // An empty one is not seen here, and has an event.
+  return ioctl(seen(socket->s), FIONREAD, &waiting) == 0 && waiting > 0;
+}
+
 // ---- The passes --------------------------------------------------------------------------------------------
 
 void SocketMonitor::handle_locked(AsyncSocket* socket, unsigned events) {
@@ -467,6 +481,8 @@ void SocketMonitor::handle_locked(AsyncSocket* socket, unsigned events) {
       look_at(socket);
     } else if (seen(socket->running)) {
       socket->Poll();
+      // Each datagram would be an event of its own. The trace shows it as one.
+      for (int more = 1; more < kMostDatagrams && has_more_datagrams(socket); ++more) socket->Poll();
     }
   }
   if (!seen(socket->running)) look_at(socket);
@@ -537,18 +553,23 @@ void SocketMonitor::pass(Events* events) {
   }
   const int count = wait(events, bounded ? &until : nullptr);
   if (count <= 0) return;
-  const SectionLock lock(&AsyncSocket::cs);
-  for (int i = 0; i < count; ++i) {
-    const epoll_event& event = events->list[static_cast<std::size_t>(i)];
-    if (event.data.u64 == kPipeTicket) {
-      take_wake_up();
-      continue;
+  {
+    const SectionLock lock(&AsyncSocket::cs);
+    in_pass = true;
+    for (int i = 0; i < count; ++i) {
+      const epoll_event& event = events->list[static_cast<std::size_t>(i)];
+      if (event.data.u64 == kPipeTicket) {
+        take_wake_up();
+        continue;
+      }
+      const Watched& entry = watched[static_cast<std::size_t>(event.data.u64 & 0xFFFFFFFFU)];
+      if (entry.socket == nullptr || entry.generation != static_cast<std::uint32_t>(event.data.u64 >> 32U))
+        continue;
+      handle_locked(entry.socket, event.events);
     }
-    const Watched& entry = watched[static_cast<std::size_t>(event.data.u64 & 0xFFFFFFFFU)];
-    if (entry.socket == nullptr || entry.generation != static_cast<std::uint32_t>(event.data.u64 >> 32U))
-      continue;
-    handle_locked(entry.socket, event.events);
+    in_pass = false;
   }
+  if (std::exchange(signal_is_owed, false)) OSTriggerDispatch::signal_task();
 }
 
 void SocketMonitor::run() {

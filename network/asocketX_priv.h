@@ -140,6 +140,9 @@ class SocketMonitor {
   /// Waits until the monitor thread has let go of a socket whose `deleted` is set; not when there is no such thread.
   static void wait_for_release(AsyncSocket* socket);
   static bool is_current_thread();
+  /// Where to note a signal to the dispatcher that the monitor thread gives when it has dealt with all events of a
+  /// pass, so that one wake-up serves many; null when the caller is not in a pass.
+  static bool* signal_owed();
   /// Closes the wake-up pipe; when the thread has been joined.
   static void close_pipe();
 
@@ -161,6 +164,7 @@ class SocketMonitor {
   static void send_early_data_locked(AsyncSocket* socket);
   static unsigned interest_locked(AsyncSocket* socket);
   static void watch_locked(AsyncSocket* socket, unsigned events);
+  static bool has_more_datagrams(AsyncSocket* socket);
   static void handle_locked(AsyncSocket* socket, unsigned events);
   static void end_retries_locked();
 };

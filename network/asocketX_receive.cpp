@@ -10,6 +10,7 @@
 #include <new>
 
 #include "kernel/kernel.h"
+#include "kernel/trigger_priv.h"
 #include "network/asocketX.h"
 #include "network/asocketX_priv.h"
 #include "network/ringbuffer.h"
@@ -113,7 +114,12 @@ void AsyncSocket::ProcessData(OSBuf* buf) {
     return;
   }
   const SectionLock lock(&local_cs);
-  q.Append(buf);
+  if (bool* const owed = SocketMonitor::signal_owed()) {
+    const OSTriggerDispatch::LateSignal signal(owed);
+    q.Append(buf);
+  } else {
+    q.Append(buf);
+  }
   // The monitor thread finds out when there is more to read, and not at all when the queue is taken down before.
   if (q.Size() > kStopReading_buffers && !dont_read) publish(dont_read, true);
 }
