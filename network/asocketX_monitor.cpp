@@ -51,8 +51,10 @@ class DescriptorSet {
 
 /// The datagrams that are read for one event of their socket.
 constexpr int kMostDatagrams = 16;
-/// One batch: long enough that a wake-up serves many sockets, short enough that others who want cs get it.
 constexpr int kMostEvents = 64;
+/// After so many of them the dispatcher is told what there is for it, and others who want cs get it: seldom enough that
+/// the dispatcher is not woken for each buffer, often enough that nothing waits for long.
+constexpr int kAtOnce_events = 32;
 /// From this size on, a batch is a sign that the next one is not far.
 constexpr int kBusyFrom_events = 2;
 /// How often the thread looks by itself when nobody could wake it, because the pipe failed.
@@ -65,8 +67,10 @@ struct Watched {
   std::uint32_t generation = 0;
 };
 
-bool in_pass = false;         // the thread deals with the events of a pass; its own
-bool signal_is_owed = false;  // a trigger has become ready in that pass; the thread's own
+// The monitor thread's own: whether it signals the dispatcher behind the events it is dealing with, and whether it has
+// to.
+bool signals_later = false;
+bool signal_is_owed = false;
 
 int epoll_fd = -1;  // the monitor thread's; others use it inside AsyncSocket::cs, while the thread runs
 
@@ -115,7 +119,9 @@ bool SocketMonitor::is_current_thread() {
   return id != 0 && pthread_equal(id, pthread_self()) != 0;
 }
 
-bool* SocketMonitor::signal_owed() { return is_current_thread() && in_pass ? &signal_is_owed : nullptr; }
+bool* SocketMonitor::signal_owed() {
+  return is_current_thread() && signals_later ? &signal_is_owed : nullptr;
+}
 
 void SocketMonitor::look_at(AsyncSocket* socket) {
   const std::lock_guard<std::mutex> lock(changed_mutex);
@@ -535,6 +541,26 @@ int SocketMonitor::wait(Events* events, timeval* until) {
   return count;
 }
 
+void SocketMonitor::handle_some(const Events& events, int first, int end) {
+  {
+    const SectionLock lock(&AsyncSocket::cs);
+    signals_later = true;
+    for (int i = first; i < end; ++i) {
+      const epoll_event& event = events.list[static_cast<std::size_t>(i)];
+      if (event.data.u64 == kPipeTicket) {
+        take_wake_up();
+        continue;
+      }
+      const Watched& entry = watched[static_cast<std::size_t>(event.data.u64 & 0xFFFFFFFFU)];
+      const auto generation = static_cast<std::uint32_t>(event.data.u64 >> 32U);
+      if (entry.socket != nullptr && entry.generation == generation)
+        handle_locked(entry.socket, event.events);
+    }
+    signals_later = false;
+  }
+  if (std::exchange(signal_is_owed, false)) OSTriggerDispatch::signal_task();
+}
+
 void SocketMonitor::pass(Events* events) {
   timeval until{};
   bool bounded = false;
@@ -553,23 +579,9 @@ void SocketMonitor::pass(Events* events) {
   }
   const int count = wait(events, bounded ? &until : nullptr);
   if (count <= 0) return;
-  {
-    const SectionLock lock(&AsyncSocket::cs);
-    in_pass = true;
-    for (int i = 0; i < count; ++i) {
-      const epoll_event& event = events->list[static_cast<std::size_t>(i)];
-      if (event.data.u64 == kPipeTicket) {
-        take_wake_up();
-        continue;
-      }
-      const Watched& entry = watched[static_cast<std::size_t>(event.data.u64 & 0xFFFFFFFFU)];
-      if (entry.socket == nullptr || entry.generation != static_cast<std::uint32_t>(event.data.u64 >> 32U))
-        continue;
-      handle_locked(entry.socket, event.events);
-    }
-    in_pass = false;
+  for (int at = 0; at < count; at += kAtOnce_events) {
+    handle_some(*events, at, std::min(at + kAtOnce_events, count));
   }
-  if (std::exchange(signal_is_owed, false)) OSTriggerDispatch::signal_task();
 }
 
 void SocketMonitor::run() {

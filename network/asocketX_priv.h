@@ -140,8 +140,8 @@ class SocketMonitor {
   /// Waits until the monitor thread has let go of a socket whose `deleted` is set; not when there is no such thread.
   static void wait_for_release(AsyncSocket* socket);
   static bool is_current_thread();
-  /// Where to note a signal to the dispatcher that the monitor thread gives when it has dealt with all events of a
-  /// pass, so that one wake-up serves many; null when the caller is not in a pass.
+  /// Where to note a signal to the dispatcher that the monitor thread gives when it has dealt with several events, so
+  /// that one wake-up serves them all; null when the caller is not dealing with any.
   static bool* signal_owed();
   /// Closes the wake-up pipe; when the thread has been joined.
   static void close_pipe();
@@ -155,6 +155,7 @@ class SocketMonitor {
   static bool open_epoll();
   static void take_wake_up();
   static int wait(Events* events, timeval* until);
+  static void handle_some(const Events& events, int first, int end);
   static void pass(Events* events);
   static void release_locked(AsyncSocket* socket);
   static void update_changed_locked();
