@@ -148,12 +148,9 @@ void RingBuffer::WaitForBuffer(ULONG timeout_ms) {
   const auto is_empty = [this, at] { return std::atomic_ref<int>(wp).load(std::memory_order_seq_cst) == at; };
   awaited_.store(true, std::memory_order_seq_cst);
   while (is_empty()) {
-    if (sem_clockwait(&came_home_, CLOCK_MONOTONIC, &deadline) == 0) {
-      // The post of a Put whose buffer was seen without waiting for it may be left over.
-      if (is_empty()) awaited_.store(true, std::memory_order_seq_cst);
-    } else if (errno != EINTR) {
-      break;
-    }
+    // It may return for the post of an earlier wait, which ended without it. No Put has come then: awaited_
+    // stands, and the wait goes on.
+    if (sem_clockwait(&came_home_, CLOCK_MONOTONIC, &deadline) != 0 && errno != EINTR) break;
   }
   awaited_.store(false, std::memory_order_relaxed);
 }

@@ -32,20 +32,21 @@ class SocketBuffer;
 /// ringbuffer_test.cpp, LendsOneBufferLessThanItHas.
 class OSKERNEL_API RingBuffer : public OSListObj {
  public:
-  /// Makes `buffers` buffers and puts them in.
-  ///   buffers   from 2
+  /// Makes `buffers` buffers and puts them in. When memory runs short it has fewer, as `size` says.
+  ///   buffers   from 2; a ring of less lends nothing
   explicit RingBuffer(int buffers);
   /// Destroys all buffers, lent ones too: the caller knows that none is. Their parent becomes the poison value
   /// first.
   ~RingBuffer() override;
 
-  /// Puts a buffer in and sets its timeStamp to 0.
-  ///   returns   0; -1 when the ring is full, the buffer is not stored then
-  ///   threads   any, several at once and beside Get; enters no section of the kernel
+  /// Puts a buffer in and sets its timeStamp to 0, which it does when there is no room either.
+  ///   takes     buf, only on success
+  ///   returns   0; -1 when the ring is full, or for null
+  ///   threads   any, several at once and beside Get; enters no section of the kernel, never waits for Get
   int Put(OSBuf* buf);
   /// Takes out the buffer that has been at home longest: empty, with all its room in front, timeStamp os_clock().
-  ///   returns   the buffer, the caller's until Free; null when none is at home
-  ///   threads   one, the socket's receive thread; takes no lock
+  ///   returns   the buffer; null when none is at home. Any thread may Free it.
+  ///   threads   one, the socket's receive thread; takes no lock, never allocates
   OSBuf* Get();
   /// How many buffers are at home; any thread, as a hint.
   /// Deliberate: the difference of the indices is taken as an unsigned 32-bit number before its remainder by `size`,
@@ -54,15 +55,16 @@ class OSKERNEL_API RingBuffer : public OSListObj {
   int Size();
 
   /// Gives the ring up: deletes it when all buffers are at home, otherwise parks it on a list that a timer looks at
-  /// every 100 ms. Says on the console which of the two.
-  ///   threads   the socket's destructor; takes AsyncSocket::cs
+  /// every 100 ms. Says on the console which of the two. The ring is not the caller's any more.
+  ///   threads   the socket's destructor; inside no section behind AsyncSocket::cs, which it enters
   void Free();
   /// The timer's callback: deletes the parked rings whose buffers have come home. For the others it prints, every
   /// 50th time, where the ring stands and every buffer that was lent more than 30 s ago.
   static void Cleanup(OSObj* unused_obj, ADDR unused_addr, ULONG unused_value);
 
   /// Waits until a buffer is at home or the time is over.
-  ///   threads   the one that calls Get
+  ///   timeout_ms  0 only looks
+  ///   threads     the one that calls Get
   void WaitForBuffer(ULONG timeout_ms);
 
   SocketBuffer** bufs;  ///< `size` buffers, all that belong to the ring; constant after construction
@@ -95,11 +97,11 @@ class OSKERNEL_API SocketBuffer : public OSBuf {
   ~SocketBuffer() override;
   /// Runs the callbacks attached to the buffer and puts it back into its ring. A buffer that is at home already is
   /// reported, "SocketBuffer::Free = buffer freed twice!", and nothing else is done. One whose ring is being
-  /// destroyed is Fatal "SocketBuffer::Free".
+  /// destroyed is Fatal "SocketBuffer::Free"; when that returns, the buffer is in no ring.
   ///   threads   any, the holder
   void Free() override;
 
-  static void* operator new(std::size_t bytes) noexcept;  ///< malloc
+  static void* operator new(std::size_t bytes) noexcept;  ///< malloc; null when there is no memory
   static void operator delete(void* storage);             ///< free
 
   RingBuffer* parent;  ///< 0xFEFEFEFE once the ring is being destroyed

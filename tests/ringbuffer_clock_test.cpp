@@ -157,7 +157,7 @@ TEST_F(ParkedRing, IsReportedWhereItStands) {
   EXPECT_EQ(ring->wp, 1);
   ring->Free();
   pass(100);
-  EXPECT_EQ(console.count(where(ring, 3, 1, 2)), 1);
+  EXPECT_EQ(console.calls().back(), where(ring, 3, 1, 2));
   send_home(out);
   pass(100);
   EXPECT_EQ(deleted(), 1);
@@ -204,7 +204,7 @@ TEST_F(ParkedRing, ABufferIsDumpedAfterThirtySecondsAndNotBefore) {
     ULONG out_for;
     int dumped;
   };
-  for (const Row& row : {Row{29999, 0}, Row{30001, 1}, Row{0x7FFFFFFF, 1}}) {
+  for (const Row& row : {Row{29999, 0}, Row{30000, 0}, Row{30001, 1}, Row{0x7FFFFFFF, 1}}) {
     SCOPED_TRACE(row.out_for);
     std::vector<OSBuf*> out;
     parked(4, 1, &out);
@@ -214,16 +214,19 @@ TEST_F(ParkedRing, ABufferIsDumpedAfterThirtySecondsAndNotBefore) {
     send_home(out);
     pass(100);
   }
-  EXPECT_EQ(deleted(), 3);
+  EXPECT_EQ(deleted(), 4);
 }
 
 TEST_F(ParkedRing, TheAgeOfABufferIsRightAcrossTheTicksWrap) {
   FakeClock::set(0xFFFFFFFF - 1000);
   std::vector<OSBuf*> out;
   parked(4, 2, &out);
-  pass(21000);
-  EXPECT_EQ(dumps(out[0]), 0);
-  for (int i = 0; i < 101; ++i) pass(100);  // the third report comes 31000 ms after they were lent
+  pass(100);
+  EXPECT_EQ(console.count("nwp="), 1);
+  EXPECT_EQ(dumps(out[0]), 0) << "before the wrap";
+  pass(20900);
+  for (int i = 0; i < 99; ++i) pass(100);
+  EXPECT_EQ(console.count("nwp="), 3) << "the third report comes 30900 ms after they were lent";
   EXPECT_EQ(dumps(out[0]), 1);
   EXPECT_EQ(dumps(out[1]), 1);
   send_home(out);
@@ -347,6 +350,44 @@ TEST_F(ParkedRing, OutlivesAStopOfTheLayerAndIsDeletedAfterAll) {
   AsyncSocket::Init();
   for (int i = 0; i < 3 && deleted() == 0; ++i) pass(100);
   EXPECT_EQ(deleted(), 1);
+}
+
+TEST_F(ParkedRing, CanBeGivenUpWhileTheLayerIsStopped) {
+  AsyncSocket::Cleanup();
+  RingBuffer::Cleanup(nullptr, nullptr, 0);
+  EXPECT_EQ(console.text(), "") << "there is no list yet";
+  std::vector<OSBuf*> out;
+  parked(4, 1, &out);
+  pass(100);
+  EXPECT_EQ(deleted(), 0);
+  send_home(out);
+  pass(100);
+  EXPECT_EQ(deleted(), 1);
+}
+
+// Without the section of all sockets, which there is not then.
+TEST_F(ParkedRing, IsParkedAndLookedAtByOneThreadAtATimeWhileTheLayerIsStopped) {
+  AsyncSocket::Cleanup();
+  std::vector<OSBuf*> first, second;
+  parked(4, 1, &first);
+  send_home(first);
+  auto* ring = new WatchedRing(4, &deleted_);
+  second.push_back(ring->Get());
+  EnterCriticalSection(&OS_CRITICAL_TRIGGER);
+  {
+    WatchedThread parking([ring] { ring->Free(); });
+    EXPECT_TRUE(parking.blocked()) << "before it sets the timer";
+    WatchedThread looking([] { RingBuffer::Cleanup(nullptr, nullptr, 0); });
+    EXPECT_TRUE(looking.blocked());
+    EXPECT_EQ(deleted(), 0);
+    LeaveCriticalSection(&OS_CRITICAL_TRIGGER);
+    EXPECT_TRUE(parking.finished_within(kPatienceMs));
+    EXPECT_TRUE(looking.finished_within(kPatienceMs));
+  }
+  EXPECT_EQ(deleted(), 1);
+  send_home(second);
+  RingBuffer::Cleanup(nullptr, nullptr, 0);
+  EXPECT_EQ(deleted(), 2);
 }
 
 TEST_F(ParkedRing, BuffersComeHomeWhileTheCleanupRuns) {

@@ -270,6 +270,51 @@ TEST_F(Ring, ABufferThatWasNeverLentIsReportedToo) {
   EXPECT_EQ(ring->Size(), 3);
 }
 
+TEST_F(Ring, ABufferThatItsHolderChangesAfterTheFreeIsFreedTwiceAllTheSame) {
+  const auto ring = std::make_unique<RingBuffer>(4);
+  OSBuf* buf = ring->Get();
+  buf->Free();
+  buf->length = 5;
+  buf->Free();
+  EXPECT_EQ(console.count(kFreedTwice), 1);
+  EXPECT_EQ(ring->Size(), 3) << "it stands in the ring once";
+  ring->Get()->Free();
+  ring->Get()->Free();
+  EXPECT_EQ(ring->Get(), buf);
+  EXPECT_EQ(buf->length, 0);
+  buf->Free();
+}
+
+TEST_F(Ring, ALentBufferGoesHomeWhateverItsLength) {
+  const auto ring = std::make_unique<RingBuffer>(2);
+  std::vector<UBYTE> bytes(50000);
+  for (const int length : {0, 1, 1760, 0x5555, 0xAAAA}) {
+    OSBuf* buf = ring->Get();
+    ASSERT_NE(buf, nullptr) << length;
+    if (length > buf->size) buf->SetPayload(bytes.data(), static_cast<UWORD>(bytes.size()));
+    buf->PushDown(static_cast<UWORD>(length));
+    ASSERT_EQ(buf->length, length);
+    buf->Free();
+    EXPECT_EQ(buf->size, 1760) << "with its own storage";
+  }
+  EXPECT_EQ(console.text(), "");
+}
+
+TEST_F(Ring, ABufferThatAProgramMakesIsAtHomeUntilItIsGivenALength) {
+  const auto ring = std::make_unique<RingBuffer>(2);
+  OSBuf* lent = ring->Get();
+  SocketBuffer own(ring.get());
+  EXPECT_EQ(own.length, 0x5555);
+  own.Free();
+  EXPECT_EQ(console.count(kFreedTwice), 1);
+  EXPECT_EQ(ring->Size(), 0);
+  own.length = 3;
+  own.Free();
+  EXPECT_EQ(console.count(kFreedTwice), 1);
+  EXPECT_EQ(ring->Get(), &own);
+  lent->Free();
+}
+
 TEST_F(Ring, RefusesABufferWhenItIsFull) {
   const auto ring = std::make_unique<RingBuffer>(4);
   auto stranger = std::make_unique<SocketBuffer>(ring.get());
