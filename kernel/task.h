@@ -185,7 +185,7 @@ class OSKERNEL_API OSTaskTag : protected OSListObj {
 
   char name[128];  ///< not terminated when all 128 are used, but followed by a zero byte
  private:
-  char name_end_;
+  [[maybe_unused]] char name_end_;
 
  public:
   OSTask* task;
