@@ -120,7 +120,6 @@ AsyncSocket::AsyncSocket(bool indirect)
       key(nullptr),
       ca(nullptr),
       generation_(SocketRegistry::add(this)),
-      registered_(true),
       listed_(nullptr),
       watched_fd_(-1),
       watched_events_(0),
@@ -135,9 +134,12 @@ AsyncSocket::AsyncSocket(bool indirect)
       input_held_(false),
       exhaustion_at_(0),
       exhaustion_reported_(false),
+      connection_(0),
       thread_abandoned_(false) {
   Init();
+  // A task that makes a socket does not become its triggers'.
   listenqtrigger.SetTask(nullptr);
+  qtrigger.SetTask(nullptr);
   qtrigger.SetCallback(_QCallback, reinterpret_cast<OSObj*>(this), nullptr, generation_);
   InitializeCriticalSection(&local_cs);
   const ClassLock lock;

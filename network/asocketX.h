@@ -101,6 +101,7 @@ class OSKERNEL_API AsyncSocket : public OSIO {
 
   /// The socket object for an accepted connection: a new indirect AsyncSocket. Subclasses return their own kind.
   ///   skt       the accepted descriptor; taken
+  ///   returns   null to refuse the connection, which is then closed
   ///   threads   the dispatcher of listenqtrigger
   virtual AsyncSocket* GetNewSocket(int skt);
   /// A received or a control buffer: queues it (indirect) or passes it to Receive (direct).
@@ -153,7 +154,7 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   int Connect(SockAddr& sa);
   /// The same by text: an address, or a host name that is resolved in the background (dnsentry.h). A name that cannot
   /// be resolved is reported as DisconnectIndication(Failed, 0).
-  ///   returns   0; -1 for an empty text and for 0.0.0.0, after closing the descriptor
+  ///   returns   0; -1 for an empty or null text and for 0.0.0.0, after closing the descriptor
   int Connect(const char* addr, UWORD port);
   /// Starts an accepted connection; call it when a layer is bound.
   ///   returns   0
@@ -235,8 +236,8 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   /// What the name cache answers: connects to addr (host order), or reports the failure when it is 0.
   void DNSResult(const char* name, ULONG addr);
 
-  int s;                 ///< the descriptor; -1 without one. Accessed atomically.
-  int rtps;              ///< a second datagram descriptor for sends, -1 without; owned once set
+  int s;     ///< the descriptor; -1 without one. Accessed atomically.
+  int rtps;  ///< a second datagram descriptor for sends, -1 without; owned once set. Accessed atomically.
   bool indirect_socket;  ///< constant after construction
   int state;             ///< a SocketState. Accessed atomically.
   bool deleted;  ///< Free has been called. Accessed atomically; set before the monitor thread is woken
@@ -318,7 +319,7 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   int waiting_bytes();
   OSBuf* receive_buffer(int* waiting);
   OSBuf* read_once(OSBuf* buf, int waiting);
-  void hold_back(ULONG delay_ms);
+  void hold_back(bool from_ring);
   bool may_report_exhaustion();
   void indicate_failure(int code);
   void indicate(UBYTE what, int reason, int code);
@@ -337,10 +338,10 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   void remove_early(OSBuf* buf);
   bool sends_early_data();
   OSIORetCode send_stream(OSBuf* buf);
-  OSIORetCode fail_stream(OSBuf* buf, int code);
+  OSIORetCode fail_stream(OSBuf* buf, int code, ULONG connection);
   bool wait_for_room(ULONG start, int* code);
   OSIORetCode send_datagram(OSBuf* buf);
-  int send_some(const UBYTE* bytes, int count);
+  int send_some(const UBYTE* bytes, int count, ULONG connection);
 
   // Ending (asocketX_end.cpp).
   void close_descriptors();
@@ -352,8 +353,7 @@ class OSKERNEL_API AsyncSocket : public OSIO {
 
   /// Tells this socket from an earlier one at the same address; never 0. Constant after construction.
   ULONG generation_;
-  bool registered_;  ///< may still be called back; under cs
-  OSLink* listed_;   ///< this socket's link in `sockets`; under cs
+  OSLink* listed_;  ///< this socket's link in `sockets`; under cs
 
   // What the monitor thread knows of the socket; under cs unless it says otherwise.
   int watched_fd_;             ///< registered with the monitor, -1 when none
@@ -376,6 +376,9 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   /// Held over each send(2), never over a wait, and while the descriptor is closed: a sender never writes into a
   /// descriptor whose number has been given to another socket. A leaf behind cs and local_cs.
   std::mutex send_mutex_;
+  /// How many descriptors have been closed, which tells a connection from the next one of the same socket. Written
+  /// under send_mutex_, read atomically.
+  ULONG connection_;
   /// Whoever destroys the socket could not wait for its thread to leave it: the thread is let go, not joined.
   bool thread_abandoned_;
 };

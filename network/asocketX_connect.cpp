@@ -28,7 +28,7 @@ int AsyncSocket::Connect(ULONG addr, UWORD port) {
     const SectionLock lock(&local_cs);
     rem_sin.Set(addr, port);
   }
-  if (rem_sin.IsMulticast()) set_multicast_options();
+  if (SockAddr(addr, port).IsMulticast()) set_multicast_options();
   if (seen(type) == SOCK_DGRAM) {
     publish(state, int{SSConnected});
   } else {
@@ -53,19 +53,24 @@ int AsyncSocket::Connect(const char* addr, UWORD port) {
     return 0;
   }
   diagnostics().Print("%d AsyncSocket: couldn't resolve host %s", seen(s), text);
-  const int fd = seen(s);
-  if (fd != -1) {
+  {
     const ClassLock lock;
     SocketMonitor::unwatch_locked(this);
     const std::lock_guard<std::mutex> sends(send_mutex_);
+    const int fd = seen(s);
     publish(s, -1);
-    close(fd);
+    publish(connection_, connection_ + 1);
+    if (fd != -1) close(fd);
   }
   return -1;
 }
 
 int AsyncSocket::ConnectAck() {
-  publish(state, int{SSConnected});
+  {
+    // Against a sender that has just found the stream not connected and is about to queue.
+    const SectionLock lock(&local_cs);
+    publish(state, int{SSConnected});
+  }
   StartTask();
   return 0;
 }

@@ -299,7 +299,7 @@ UWORD AsyncSocket::LocalPort() {
   return end_of(loc_sin).Port();
 }
 
-char* AsyncSocket::RemoteIPText() { return rem_sin.AddressStr(nullptr); }
+char* AsyncSocket::RemoteIPText() { return end_of(rem_sin).AddressStr(rem_sin.addr_str); }
 
 ULONG AsyncSocket::RemoteIP_n() { return end_of(rem_sin).AddressNet(); }
 

@@ -64,10 +64,15 @@ void AsyncSocket::close_descriptors() {
     if (seen(trace) != 0) diagnostics().Print("%d AsyncSocket::Close - closing socket", fd);
     const std::lock_guard<std::mutex> sends(send_mutex_);
     publish(s, -1);
+    publish(connection_, connection_ + 1);
     close(fd);
   }
-  if (rtps != -1) close(rtps);
-  rtps = -1;
+  {
+    const std::lock_guard<std::mutex> sends(send_mutex_);
+    const int second = seen(rtps);
+    publish(rtps, -1);
+    if (second != -1) close(second);
+  }
   connect_error_ = 0;
   input_held_ = false;
 }
@@ -97,19 +102,26 @@ void AsyncSocket::drop_queued() {
 
 void AsyncSocket::Close() {
   if (this == nullptr) return;  // as in Free
-  if (seen(trace) != 0) {
-    diagnostics().Print("%d AsyncSocket::Close - thread %p, running %d", seen(s), printable(thread),
-                        seen(running) ? 1 : 0);
-  }
   {
     const ClassLock lock;
+    if (seen(trace) != 0) {
+      diagnostics().Print("%d AsyncSocket::Close - thread %p, running %d", seen(s), printable(thread),
+                          seen(running) ? 1 : 0);
+    }
     publish(running, false);
     const SectionLock states(&local_cs);
     publish(state, int{SSDisconnected});
   }
-  const int fd = seen(s);
-  if (fd != -1 && shutdown(fd, SHUT_RDWR) == -1 && seen(trace) != 0) {
-    diagnostics().Print("%d AsyncSocket::Close - shutdown returned %d", fd, errno);
+  int fd = -1;
+  int error = 0;
+  {
+    // Another thread may be closing it, too; outside this lock its number could be somebody else's by now.
+    const std::lock_guard<std::mutex> lock(send_mutex_);
+    fd = seen(s);
+    if (fd != -1 && shutdown(fd, SHUT_RDWR) == -1) error = errno;
+  }
+  if (error != 0 && seen(trace) != 0) {
+    diagnostics().Print("%d AsyncSocket::Close - shutdown returned %d", fd, error);
   }
   join_own_thread();
   close_descriptors();
@@ -135,8 +147,6 @@ void AsyncSocket::leave_registry() {
   {
     // The name cache looks sockets up, and calls them, inside cs.
     const ClassLock lock;
-    if (!registered_) return;
-    registered_ = false;
     SocketRegistry::remove(this);
   }
   if (SocketRegistry::wait_for_visitors(this)) thread_abandoned_ = true;

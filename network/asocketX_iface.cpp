@@ -62,15 +62,14 @@ class Probe {
     return true;
   }
 
-  enum Mac { kNone, kZero, kFound };
   // Writes the MAC address of an interface when it has one that is not all zero.
-  Mac mac_of(const char* interface, UBYTE* mac) const {
+  bool mac_of(const char* interface, UBYTE* mac) const {
     static constexpr UBYTE kZeroMac[kMacBytes] = {};
     ifreq request = request_for(interface);
-    if (ioctl(fd_, SIOCGIFHWADDR, &request) != 0) return kNone;
-    if (std::memcmp(request.ifr_hwaddr.sa_data, kZeroMac, kMacBytes) == 0) return kZero;
+    if (ioctl(fd_, SIOCGIFHWADDR, &request) != 0) return false;
+    if (std::memcmp(request.ifr_hwaddr.sa_data, kZeroMac, kMacBytes) == 0) return false;
     std::memcpy(mac, request.ifr_hwaddr.sa_data, kMacBytes);
-    return kFound;
+    return true;
   }
 
   bool first_listed_mac(UBYTE* mac) const;
@@ -201,12 +200,12 @@ bool AsyncSocket::LookupInterfaceMac(UBYTE* mac, bool skipeth1) {
   {
     const std::lock_guard<std::mutex> lock(deciding);
     if (!decided) {
-      found = probe.mac_of("eth0", mac) == Probe::kFound;
+      found = probe.mac_of("eth0", mac);
       if (found && is_makers(mac)) publish(real_hardware, true);
       decided = true;
     }
   }
   if (!seen(real_hardware)) return probe.first_listed_mac(mac) || found;
-  if (!skipeth1 && probe.mac_of("eth1", mac) == Probe::kFound) return true;
-  return probe.mac_of("eth0", mac) == Probe::kFound || found;
+  if (!skipeth1 && probe.mac_of("eth1", mac)) return true;
+  return probe.mac_of("eth0", mac) || found;
 }

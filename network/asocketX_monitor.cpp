@@ -424,7 +424,7 @@ void SocketMonitor::send_early_data_locked(AsyncSocket* socket) {
     if (buf == nullptr) break;
     // Nobody else touches the first buffer of a connected stream: senders wait, or append behind it.
     const int length = buf->length;
-    const int sent = length == 0 ? 0 : socket->send_some(buf->data, length);
+    const int sent = length == 0 ? 0 : socket->send_some(buf->data, length, seen(socket->connection_));
     if (sent == -1 && (errno == EAGAIN || errno == EINTR)) return;
     const AddressText remote(socket->rem_sin);
     const AddressText local(socket->loc_sin);

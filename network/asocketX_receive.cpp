@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "kernel/kernel.h"
 #include "kernel/trigger_priv.h"
@@ -114,7 +115,7 @@ void AsyncSocket::ProcessData(OSBuf* buf) {
     return;
   }
   const SectionLock lock(&local_cs);
-  if (bool* const owed = SocketMonitor::signal_owed()) {
+  if (bool* const owed = SocketMonitor::signal_owed(); owed != nullptr) {
     const OSTriggerDispatch::LateSignal signal(owed);
     q.Append(buf);
   } else {
@@ -224,10 +225,14 @@ void AsyncSocket::Poll() {
   }
   if (!seen(receive_started)) return;
   if (connect_error_ != 0) {
-    const int error = connect_error_;
-    connect_error_ = 0;
+    OSBuf* const buf = OSBuf::Alloc(kControl_bytes);
+    if (buf == nullptr) {
+      hold_back(false);  // the descriptor stays ready: it is told as soon as there is a buffer
+      return;
+    }
+    make_control(buf, 1, Failed, std::exchange(connect_error_, 0));
     publish(running, false);
-    indicate_failure(error);
+    ProcessData(buf);
     return;
   }
   if (seen(secure_state) == SecHandshake) {
@@ -249,7 +254,7 @@ void AsyncSocket::Poll() {
   if (waiting == kNothing) return;
   OSBuf* const buf = waiting == kEnded ? OSBuf::Alloc(kControl_bytes) : receive_buffer(&waiting);
   if (buf == nullptr) {
-    hold_back(kDrought_ms);
+    hold_back(waiting != kEnded && !seen(big_buffers_allowed));
     return;
   }
   OSBuf* const received = read_once(buf, waiting);
@@ -304,7 +309,9 @@ int AsyncSocket::waiting_bytes() {
     }
     return kNothing;
   }
-  if (seen(type) == SOCK_DGRAM || bytes != 0) return std::clamp(bytes, 0, kMostRead_bytes);
+  // What a stream does not get now it gets next time, with all the room in front.
+  if (seen(type) == SOCK_DGRAM) return std::clamp(bytes, 0, kMostRead_bytes);
+  if (bytes != 0) return std::clamp(bytes, 0, kMostRead_bytes - kHeadroom_bytes);
   // Nothing waits: the peer has closed, unless the report of readiness was out of date, or the stream stands where an
   // urgent byte has been, which FIONREAD does not look across.
   char byte = 0;
@@ -350,14 +357,15 @@ OSBuf* AsyncSocket::receive_buffer(int* waiting) {
 }
 
 /// There is no buffer: what waits stays in the socket for a while.
-void AsyncSocket::hold_back(ULONG delay_ms) {
+///   from_ring   a direct socket has looked for it in its ring, not in a pool
+void AsyncSocket::hold_back(bool from_ring) {
   if (indirect_socket) {
-    SocketMonitor::retry_later_locked(this, delay_ms);
-  } else if (ring != nullptr) {
+    SocketMonitor::retry_later_locked(this, kDrought_ms);
+  } else if (from_ring && ring != nullptr) {
     constexpr ULONG kRingWait_ms = 100;
     ring->WaitForBuffer(kRingWait_ms);
   } else {
-    Sleep(static_cast<int>(delay_ms));
+    Sleep(static_cast<int>(kDrought_ms));
   }
 }
 

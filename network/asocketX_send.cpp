@@ -20,6 +20,31 @@ constexpr int kRoomWait_ms = 100;
 
 OSBuf* buffer_of(OSListObj* queued) { return static_cast<OSBuf*>(static_cast<OSLinkListObj*>(queued)); }
 
+/// Both ends of a socket. The thread that connects it, or that has found its name's address, may be storing them.
+struct Ends {
+  explicit Ends(AsyncSocket* socket) {
+    const SectionLock lock(&socket->local_cs);
+    remote = socket->rem_sin;
+    local = socket->loc_sin;
+  }
+  SockAddr remote;
+  SockAddr local;
+};
+
+/// One sendto(2). Like send_some it never reaches a descriptor that Close has closed and another socket been given:
+/// `closing` is held over it, but over no wait. Where the socket waits for room, which only a blocking descriptor
+/// does, the wait is the system's.
+///   descriptor  where the socket keeps it
+ssize_t send_to(std::mutex& closing, int& descriptor, const OSBuf* buf, SockAddr& to) {
+  {
+    const std::lock_guard<std::mutex> lock(closing);
+    const ssize_t sent = sendto(seen(descriptor), buf->data, buf->length, MSG_NOSIGNAL | MSG_DONTWAIT, to,
+                                sizeof(sockaddr_in));
+    if (sent != -1 || errno != EAGAIN) return sent;
+  }
+  return sendto(seen(descriptor), buf->data, buf->length, MSG_NOSIGNAL, to, sizeof(sockaddr_in));
+}
+
 }  // namespace
 
 OSIORetCode AsyncSocket::DataIndication(OSBuf* buf) {
@@ -28,10 +53,10 @@ OSIORetCode AsyncSocket::DataIndication(OSBuf* buf) {
     return NoConnection;
   }
   if (seen(trace) >= 2) {
-    const AddressText remote(rem_sin);
-    const AddressText local(loc_sin);
+    const Ends ends(this);
     diagnostics().Print("%d AsyncSocket::DataIndication - Sending %d bytes to %s:%u from %s:%u", seen(s),
-                        buf->length, remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
+                        buf->length, AddressText(ends.remote).c_str(), ends.remote.Port(),
+                        AddressText(ends.local).c_str(), ends.local.Port());
     buf->Print();
   }
   if (seen(type) == SOCK_DGRAM) return send_datagram(buf);
@@ -90,11 +115,12 @@ void AsyncSocket::remove_early(OSBuf* buf) {
 }
 
 /// One send(2) without waiting. It is never made into a descriptor that Close has closed and another socket been given.
-///   returns   the bytes sent, or -1 with errno; EBADF when the socket is closed
-int AsyncSocket::send_some(const UBYTE* bytes, int count) {
+///   connection  what the bytes are for; they do not go into a later one
+///   returns     the bytes sent, or -1 with errno; EBADF when the connection is closed
+int AsyncSocket::send_some(const UBYTE* bytes, int count, ULONG connection) {
   const std::lock_guard<std::mutex> lock(send_mutex_);
   const int fd = seen(s);
-  if (fd == -1) {
+  if (fd == -1 || connection_ != connection) {
     errno = EBADF;
     return -1;
   }
@@ -102,6 +128,17 @@ int AsyncSocket::send_some(const UBYTE* bytes, int count) {
 }
 
 OSIORetCode AsyncSocket::send_stream(OSBuf* buf) {
+  const ULONG connection = seen(connection_);
+  const auto queue_rest = [this, connection](OSBuf* rest) {
+    bool queued = false;
+    {
+      const SectionLock lock(&local_cs);
+      queued = append_early_locked(rest);
+    }
+    if (!queued) return fail_stream(rest, ENOBUFS, connection);
+    if (indirect_socket) SocketMonitor::look_at(this);
+    return Success;
+  };
   ULONG start = 0;  // of the wait, if there is one: the clock is not asked for what goes at once
   bool waited = false;
   const auto note_wait = [&start, &waited] {
@@ -109,19 +146,10 @@ OSIORetCode AsyncSocket::send_stream(OSBuf* buf) {
     waited = true;
   };
   while (buf->length != 0) {
-    if (seen(s) == -1 || seen(secure_state) != SecClear) return fail_stream(buf, 0);
+    if (seen(s) == -1 || seen(secure_state) != SecClear) return fail_stream(buf, 0, connection);
     if (seen(early_waiting_)) {
       // What was queued goes first; nothing overtakes it.
-      if (sends_early_data()) {
-        bool queued = false;
-        {
-          const SectionLock lock(&local_cs);
-          queued = append_early_locked(buf);
-        }
-        if (!queued) return fail_stream(buf, ENOBUFS);
-        if (indirect_socket) SocketMonitor::look_at(this);
-        return Success;
-      }
+      if (sends_early_data()) return queue_rest(buf);
       if (seen(state) != SSConnected) {
         buf->Free();
         return NoConnection;
@@ -129,29 +157,31 @@ OSIORetCode AsyncSocket::send_stream(OSBuf* buf) {
       note_wait();
       if (os_expired(start, kSendTimeout_ms) != FALSE) {
         diagnostics().Print("%d AsyncSocket::DataIndication: select() timeout, disconnecting", seen(s));
-        return fail_stream(buf, 0);
+        return fail_stream(buf, 0, connection);
       }
       Sleep(1);
       continue;
     }
-    const int sent = send_some(buf->data, buf->length);
+    const int sent = send_some(buf->data, buf->length, connection);
     if (sent >= 0) {
       buf->PullUp(static_cast<UWORD>(sent));
       continue;
     }
     const int error = errno;
     if (error == EAGAIN) {
+      // The monitor thread is everybody's: what this peer does not take yet is sent when it does.
+      if (indirect_socket && SocketMonitor::is_current_thread()) return queue_rest(buf);
       int code = 0;
       note_wait();
-      if (!wait_for_room(start, &code)) return fail_stream(buf, code);
+      if (!wait_for_room(start, &code)) return fail_stream(buf, code, connection);
       continue;
     }
-    if (seen(s) == -1) return fail_stream(buf, 0);
-    const AddressText remote(rem_sin);
-    const AddressText local(loc_sin);
+    if (seen(s) == -1 || seen(connection_) != connection) return fail_stream(buf, 0, connection);
+    const Ends ends(this);
     diagnostics().Print("%d AsyncSocket::DataIndication: send() errno=%d to %s:%u from %s:%u", seen(s), error,
-                        remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
-    return fail_stream(buf, error);
+                        AddressText(ends.remote).c_str(), ends.remote.Port(), AddressText(ends.local).c_str(),
+                        ends.local.Port());
+    return fail_stream(buf, error, connection);
   }
   buf->Free();
   return Success;
@@ -189,10 +219,13 @@ bool AsyncSocket::wait_for_room(ULONG start, int* code) {
 }
 
 /// Ends the stream after a failed send.
-///   takes     buf
-OSIORetCode AsyncSocket::fail_stream(OSBuf* buf, int code) {
-  publish(state, int{SSDisconnected});
+///   takes       buf
+///   connection  what it was for; nothing happens to a later one
+OSIORetCode AsyncSocket::fail_stream(OSBuf* buf, int code, ULONG connection) {
+  const bool reused = seen(s) != -1 && seen(connection_) != connection;
+  if (!reused) publish(state, int{SSDisconnected});
   buf->Free();
+  if (reused) return Blocked;
   indicate_failure(code);  // a direct socket's partner may free it
   return Blocked;
 }
@@ -202,26 +235,25 @@ OSIORetCode AsyncSocket::fail_stream(OSBuf* buf, int code) {
 OSIORetCode AsyncSocket::send_datagram(OSBuf* buf) {
   OSIORetCode result = Success;
   const int count = buf->length;
-  ssize_t sent = sendto(seen(s), buf->data, buf->length, MSG_NOSIGNAL, rem_sin, sizeof(sockaddr_in));
+  Ends ends(this);
+  ssize_t sent = send_to(send_mutex_, s, buf, ends.remote);
   if (sent == -1) {
     const int error = errno;
-    const AddressText remote(rem_sin);
-    const AddressText local(loc_sin);
     diagnostics().Print("%d AsyncSocket::DataIndication: sendto() errno=%d to %s:%u from %s:%u", seen(s),
-                        error, remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
+                        error, AddressText(ends.remote).c_str(), ends.remote.Port(),
+                        AddressText(ends.local).c_str(), ends.local.Port());
     result = NoConnection;
   } else if (sent < count) {
     diagnostics().Print("%d AsyncSocket::DataIndication: sent %d bytes of %d", seen(s),
                         static_cast<int>(sent), count);
   }
-  if (rtps != -1) {
-    sent = sendto(rtps, buf->data, buf->length, MSG_NOSIGNAL, rem_sin, sizeof(sockaddr_in));
+  if (seen(rtps) != -1) {
+    sent = send_to(send_mutex_, rtps, buf, ends.remote);
     if (sent == -1) {
       const int error = errno;
-      const AddressText remote(rem_sin);
-      const AddressText local(loc_sin);
       diagnostics().Print("%d AsyncSocket::DataIndication: rtps sendto() errno=%d to %s:%u from %s:%u",
-                          seen(s), error, remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
+                          seen(s), error, AddressText(ends.remote).c_str(), ends.remote.Port(),
+                          AddressText(ends.local).c_str(), ends.local.Port());
       result = NoConnection;
     } else if (sent < count) {
       diagnostics().Print("%d AsyncSocket::DataIndication: rtps sent %d bytes of %d", seen(s),
@@ -238,40 +270,37 @@ OSIORetCode AsyncSocket::DatagramIndication(OSBuf* buf, void* /*source*/, void* 
     buf->Free();
     return Blocked;
   }
-  SockAddr to(rem_sin);
+  Ends ends(this);
+  SockAddr to(ends.remote);
   if (!connected) to = static_cast<sockaddr*>(dest);
   if (seen(trace) >= 2) {
-    const AddressText remote(to);
-    const AddressText local(loc_sin);
     diagnostics().Print("%d AsyncSocket::DatagramIndication - Sending %d bytes to %s:%u from %s:%u", seen(s),
-                        buf->length, remote.c_str(), to.Port(), local.c_str(), loc_sin.Port());
+                        buf->length, AddressText(to).c_str(), to.Port(), AddressText(ends.local).c_str(),
+                        ends.local.Port());
     buf->Print();
   }
   const auto detail = [buf](int fd, SockAddr& destination) {
-    const AddressText text(destination);
     diagnostics().Print(
         "    sendto(socket=%d, buffer=%p, length=%d, flags=%d, dest_addr=%p (%s:%u), dest_len=%d", fd,
         static_cast<void*>(buf->data), buf->length, 0,
-        static_cast<void*>(static_cast<sockaddr*>(destination)), text.c_str(), destination.Port(),
-        static_cast<int>(sizeof(sockaddr_in)));
+        static_cast<void*>(static_cast<sockaddr*>(destination)), AddressText(destination).c_str(),
+        destination.Port(), static_cast<int>(sizeof(sockaddr_in)));
   };
   OSIORetCode result = Success;
-  if (sendto(seen(s), buf->data, buf->length, MSG_NOSIGNAL, to, sizeof(sockaddr_in)) == -1) {
+  if (send_to(send_mutex_, s, buf, to) == -1) {
     const int error = errno;
-    const AddressText remote(to);
-    const AddressText local(loc_sin);
     diagnostics().Print("%d AsyncSocket::DatagramIndication: sendto() errno=%d, to %s:%u from %s:%u", seen(s),
-                        error, remote.c_str(), to.Port(), local.c_str(), loc_sin.Port());
+                        error, AddressText(to).c_str(), to.Port(), AddressText(ends.local).c_str(),
+                        ends.local.Port());
     detail(seen(s), to);
     result = NoConnection;
   }
-  if (rtps != -1 && sendto(rtps, buf->data, buf->length, MSG_NOSIGNAL, rem_sin, sizeof(sockaddr_in)) == -1) {
+  if (seen(rtps) != -1 && send_to(send_mutex_, rtps, buf, ends.remote) == -1) {
     const int error = errno;
-    const AddressText remote(rem_sin);
-    const AddressText local(loc_sin);
     diagnostics().Print("%d AsyncSocket::DatagramIndication: sendto() errno=%d to %s:%u from %s:%u", seen(s),
-                        error, remote.c_str(), rem_sin.Port(), local.c_str(), loc_sin.Port());
-    detail(rtps, rem_sin);
+                        error, AddressText(ends.remote).c_str(), ends.remote.Port(),
+                        AddressText(ends.local).c_str(), ends.local.Port());
+    detail(seen(rtps), ends.remote);
     result = NoConnection;
   }
   buf->Free();

@@ -93,6 +93,10 @@ void AsyncSocket::receive_until_stopped(const SocketVisit& visit) {
     if (!connect_blocking() || visit.gone()) return;
     send_early_data_blocking(visit);
     if (visit.gone()) return;
+  } else if (seen(type) == SOCK_STREAM && seen(early_waiting_)) {
+    // An accepted connection was given it before ConnectAck.
+    send_early_data_blocking(visit);
+    if (visit.gone()) return;
   }
   if (ring == nullptr) ring = new RingBuffer(kRingBuffers);
   while (!visit.gone() && seen(running)) Poll();

@@ -23,7 +23,7 @@ class OSKERNEL_API SockAddr {
   SockAddr();                        ///< 0.0.0.0, port 0
   SockAddr(sockaddr* address);       ///< a copy of its 16 bytes
   SockAddr(ULONG addr, UWORD port);  ///< both in host order
-  /// From a text and a port in host order. An empty text gives 0.0.0.0.
+  /// From a text and a port in host order. An empty text, or null, gives 0.0.0.0.
   /// Deliberate: white space in front is not skipped, so " 10.0.0.1" is a host name here; SetAddress skips it.
   /// Programs rely on SetAddress for what people type. Pinned by sockaddr_test.cpp,
   /// TheConstructorTakesWhiteSpaceAsPartOfAName.
@@ -33,7 +33,8 @@ class OSKERNEL_API SockAddr {
   void Set(ULONG addr, UWORD port);  ///< both in host order; sets family and sin_zero as well
   /// SetAddress(name_or_addr), then SPort(port); family and sin_zero stay.
   void Set(const char* name_or_addr, UWORD port);
-  /// Takes the address from a text, behind any white space. An empty text leaves it as it is. The port stays.
+  /// Takes the address from a text, behind any white space. An empty text, or null, leaves it as it is. The port
+  /// stays.
   void SetAddress(const char* name_or_addr);
   void SetAddress(ULONG addr);  ///< host order; the port stays
   void SPort(UWORD port);       ///< host order; the address stays

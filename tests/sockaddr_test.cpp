@@ -120,6 +120,7 @@ TEST(SocketAddress, CopiesSixteenBytesOfASockaddrWhateverTheyAre) {
   sockaddr_in sin = raw(AF_INET6, 4711, ip(1, 2, 3, 4), 0x55);
   OnDirtyStorage<sockaddr*> address(reinterpret_cast<sockaddr*>(&sin));
   EXPECT_EQ(std::memcmp(&address->sin, &sin, 16), 0);
+  EXPECT_STREQ(address->addr_str, "");
   EXPECT_EQ(address->sin.sin_family, AF_INET6);
 
   SockAddr assigned(ip(9, 9, 9, 9), 9);
@@ -235,6 +236,9 @@ TEST(SocketAddressText, StandsInTheObjectsOwnBuffer) {
     EXPECT_EQ(text, address->addr_str);
     EXPECT_STREQ(text, row.text);
     EXPECT_EQ(address->addr_str[31], 0);
+    std::memset(address->addr_str, 'x', sizeof address->addr_str);
+    EXPECT_STREQ(address->AddressStr(nullptr), row.text);
+    EXPECT_EQ(address->addr_str[31], 0) << "whatever stood there";
   }
 }
 
@@ -385,14 +389,16 @@ TEST_F(SocketAddressName, IsNotAskedForWhereTheTextIsAnAddress) {
 }
 
 TEST_F(SocketAddressName, AnEmptyTextIsNoName) {
-  OnDirtyStorage<const char*, UWORD> address("", 99);
-  EXPECT_EQ(address->Address(), 0u);
-  EXPECT_EQ(address->Port(), 99);
-  EXPECT_EQ(address->sin.sin_family, AF_INET);
-  EXPECT_TRUE(zeroed(address->sin));
+  for (const char* text : {"", static_cast<const char*>(nullptr)}) {
+    OnDirtyStorage<const char*, UWORD> address(text, 99);
+    EXPECT_EQ(address->Address(), 0u);
+    EXPECT_EQ(address->Port(), 99);
+    EXPECT_EQ(address->sin.sin_family, AF_INET);
+    EXPECT_TRUE(zeroed(address->sin));
+  }
 
   SockAddr set(ip(9, 9, 9, 9), 7);
-  for (const char* text : {"", " ", " \t\r\n\v\f "}) {
+  for (const char* text : {"", " ", " \t\r\n\v\f ", static_cast<const char*>(nullptr)}) {
     set.SetAddress(text);
     EXPECT_EQ(set.Address(), ip(9, 9, 9, 9)) << "nothing but white space leaves the address";
   }

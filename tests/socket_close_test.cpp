@@ -19,6 +19,7 @@
 #include "network/asocket.h"
 #include "support/seed.h"
 #include "support/socket_watch.h"
+#include "support/tpkt_packets.h"
 #include "support/watched_thread.h"
 
 namespace oskernel_test {
@@ -46,6 +47,7 @@ void expect_closed(AsyncSocket& socket) {
   EXPECT_EQ(state_of(socket), SSInitial);
   EXPECT_FALSE(socket.Connected());
   EXPECT_FALSE(now_of(socket.running));
+  EXPECT_FALSE(now_of(socket.listener));
   EXPECT_EQ(now_of(socket.secure_state), SecClear);
   EXPECT_EQ(socket.ssl_info, nullptr);
   EXPECT_EQ(socket.thread, 0u) << "a thread that has been joined is forgotten";
@@ -305,6 +307,119 @@ TEST_F(QuietSocketClose, AConnectionWhoseReadingWasHeldBackIsReadAgainWhenTheSoc
   EXPECT_TRUE(dispatch_until([&] { return layer.data() == "still there?"; }));
 }
 
+TEST_P(SocketCloseEitherWay, ASocketThatHadDataForLaterSendsAtOnceWhenItIsUsedAnew) {
+  PeerListener listener;
+  RecordingLayer layer;
+  OwnedSocket socket = new_socket();
+  ASSERT_EQ(socket->Create(SOCK_STREAM, 0, INADDR_LOOPBACK, false), 0);
+  EXPECT_EQ(socket->DataIndication(buffer_of("dropped")), Success);
+  EXPECT_EQ(early(*socket), 1);
+  socket->Close();
+  expect_closed(*socket);
+  PeerStream peer = adopt_connection(*socket, layer, listener);
+  ASSERT_TRUE(peer.is_open());
+  socket->ConnectAck();
+  EXPECT_EQ(socket->DataIndication(buffer_of("sent")), Success);
+  EXPECT_EQ(peer.receive(4), "sent");
+}
+
+/// Does not look at its descriptor while it is asleep.
+class Sleeper : public AsyncSocket {
+ public:
+  Sleeper() : AsyncSocket(true) {}
+  void Poll() override {
+    ++polls;
+    if (!asleep) AsyncSocket::Poll();
+  }
+  std::atomic<bool> asleep{false};
+  std::atomic<int> polls{0};
+};
+
+TEST_F(SocketClose, AFailureThatHasNotBeenReportedYetIsForgotten) {
+  RefusingPort refusing;
+  PeerListener listener;
+  RecordingLayer layer;
+  Owned<Sleeper> socket(new Sleeper);
+  socket->Bind(&layer);
+  socket->asleep = true;
+  ASSERT_EQ(socket->Create(SOCK_STREAM, 0, INADDR_LOOPBACK, false), 0);
+  socket->Connect(INADDR_LOOPBACK, refusing.port());
+  ASSERT_TRUE(wait_until([&] { return socket->polls > 0; }, kPatienceMs));
+  socket->Close();
+  expect_closed(*socket);
+  socket->asleep = false;
+  PeerStream peer = connect_to_peer(*socket, layer, listener);
+  ASSERT_TRUE(peer.send_all("hello"));
+  ASSERT_TRUE(layer.wait_for_bytes(5));
+  EXPECT_EQ(layer.story(), (Story{"connect", "data:hello"}));
+}
+
+TEST_F(QuietSocketClose, PacketsThatAreHeldBackAreNotLookedForInTheNextConnection) {
+  PeerListener listener;
+  RecordingLayer layer;
+  Owned<TPKTSocket> socket(new TPKTSocket);
+  {
+    PeerStream peer = connect_to_peer(*socket, layer, listener);
+    ASSERT_TRUE(peer.is_open());
+    ASSERT_TRUE(dispatch_until([&] { return layer.count() == 1; }));
+    std::string packets;
+    for (int i = 0; i < 40; ++i) packets += tpkt("x");
+    ASSERT_TRUE(peer.send_all(packets));
+    ASSERT_TRUE(wait_until([&] { return now_of(socket->dont_read); }, kPatienceMs));
+    socket->Close();
+    expect_closed(*socket);
+  }
+  layer.clear();
+  PeerStream peer = connect_to_peer(*socket, layer, listener);
+  ASSERT_TRUE(peer.is_open());
+  ASSERT_TRUE(peer.send_all(tpkt("new")));
+  EXPECT_TRUE(dispatch_until([&] { return layer.count() >= 2; }));
+  EXPECT_EQ(layer.story(), (Story{"connect", "data:new"}));
+}
+
+// ---- While it closes -----------------------------------------------------------------------------------------------
+
+TEST_F(SocketClose, WhileItWaitsForTheOwnThreadTheSocketIsDisconnected) {
+  PeerListener listener;
+  RecordingLayer layer;
+  Gate door;
+  layer.set_hook([&](const Indication&) { EXPECT_TRUE(door.wait(60000)); });
+  OwnedSocket socket = direct_socket();
+  PeerStream peer = connect_to_peer(*socket, layer, listener);
+  ASSERT_TRUE(layer.wait_entered(1));
+  {
+    WatchedThread closing([&] { socket->Close(); });
+    ASSERT_TRUE(closing.blocked());
+    EXPECT_EQ(state_of(*socket), SSDisconnected);
+    EXPECT_EQ(socket->DataIndication(buffer_of("too late")), NoConnection);
+    door.open();
+    EXPECT_TRUE(closing.finished_within(kPatienceMs));
+  }
+  expect_closed(*socket);
+}
+
+TEST_P(SocketCloseEitherWay, WaitsForWhoIsInsideTheSectionsBeforeItChangesAnything) {
+  PeerListener listener;
+  for (const bool of_all : {false, true}) {
+    SCOPED_TRACE(of_all ? "the section of all sockets" : "the socket's own");
+    RecordingLayer layer;
+    OwnedSocket socket = new_socket();
+    PeerStream peer = connect_to_peer(*socket, layer, listener);
+    ASSERT_TRUE(layer.wait_for_connect());
+    CRITICAL_SECTION* const section = of_all ? &AsyncSocket::cs : &socket->local_cs;
+    EnterCriticalSection(section);
+    {
+      WatchedThread closing([&] { socket->Close(); });
+      EXPECT_TRUE(closing.blocked());
+      EXPECT_EQ(state_of(*socket), SSConnected);
+      EXPECT_GE(now_of(socket->s), 0);
+      LeaveCriticalSection(section);
+      EXPECT_TRUE(closing.finished_within(kPatienceMs));
+    }
+    expect_closed(*socket);
+  }
+}
+
 // ---- The own thread ------------------------------------------------------------------------------------------------
 
 TEST_F(SocketClose, ADirectSocketsThreadIsJoinedAndForgotten) {
@@ -420,8 +535,13 @@ TEST_P(SocketCloseEitherWay, AClosedSocketIsUsedAgainForWhateverItIsGood) {
   RecordingLayer layer;
   OwnedSocket socket = new_socket();
   socket->Bind(&layer);
+  Acceptor acceptor;
   for (int round = 0; round < 3; ++round) {
     SCOPED_TRACE(round);
+    ASSERT_EQ(acceptor.listen_with(*socket), 0);
+    socket->Close();
+    expect_closed(*socket);
+
     layer.clear();
     PeerStream peer = connect_to_peer(*socket, layer, listener);
     ASSERT_TRUE(peer.is_open());

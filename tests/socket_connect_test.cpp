@@ -354,7 +354,8 @@ TEST_F(SocketConnect, MulticastOptionsThatFailAreOnlyReported) {
 
 TEST_P(SocketConnectEitherWay, AnEmptyTextAndTheAddressZeroAreRefusedAtOnce) {
   for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
-    for (const char* text : {"", "0.0.0.0", "0"}) {
+    for (const char* given : {"", "0.0.0.0", "0", static_cast<const char*>(nullptr)}) {
+      const char* const text = given != nullptr ? given : "";
       SCOPED_TRACE(text_of("type %d '%s'", type, text));
       RecordingLayer layer;
       OwnedSocket socket = new_socket();
@@ -362,7 +363,7 @@ TEST_P(SocketConnectEitherWay, AnEmptyTextAndTheAddressZeroAreRefusedAtOnce) {
       ASSERT_EQ(socket->Create(type, 0, INADDR_LOOPBACK, false), 0);
       const int fd = socket->s;
       console.clear();
-      EXPECT_EQ(socket->Connect(text, 80), -1);
+      EXPECT_EQ(socket->Connect(given, 80), -1);
       EXPECT_THAT(lines_with(console, "couldn't resolve host"),
                   ElementsAre(text_of("%d AsyncSocket: couldn't resolve host %s", fd, text)));
       EXPECT_EQ(now_of(socket->s), -1);
@@ -370,7 +371,7 @@ TEST_P(SocketConnectEitherWay, AnEmptyTextAndTheAddressZeroAreRefusedAtOnce) {
       EXPECT_THAT(layer.story(), IsEmpty());
 
       console.clear();
-      EXPECT_EQ(socket->Connect(text, 80), -1) << "without a descriptor there is nothing to close";
+      EXPECT_EQ(socket->Connect(given, 80), -1) << "without a descriptor there is nothing to close";
       EXPECT_THAT(lines_with(console, "couldn't resolve host"),
                   ElementsAre(text_of("-1 AsyncSocket: couldn't resolve host %s", text)));
     }
@@ -396,6 +397,21 @@ TEST_F(SocketConnect, ASocketWhoseTextWasRefusedCanBeCreatedAnew) {
   PeerStream peer = connect_to_peer(*socket, layer, listener);
   ASSERT_TRUE(peer.is_open());
   EXPECT_TRUE(layer.wait_for_connect());
+}
+
+TEST_F(SocketConnect, ADatagramSocketWhoseTextWasRefusedReceivesAgainInADescriptorOfTheSameNumber) {
+  RecordingLayer layer;
+  OwnedSocket socket = indirect_socket();
+  ComeRound come_round;
+  socket->Bind(&layer);
+  ASSERT_EQ(socket->Create(SOCK_DGRAM, 0, INADDR_LOOPBACK, false), 0);
+  ASSERT_TRUE(come_round.pass()) << "it is watched";
+  EXPECT_EQ(socket->Connect("", 80), -1);
+  ASSERT_EQ(socket->Create(SOCK_DGRAM, 0, INADDR_LOOPBACK, false), 0);
+  PeerUdp peer;
+  ASSERT_TRUE(peer.send_to(socket->LocalPort(), "hello"));
+  EXPECT_TRUE(layer.wait_for(1));
+  EXPECT_THAT(layer.story(), ElementsAre("datagram:hello"));
 }
 
 TEST_P(SocketConnectEitherWay, ANameIsResolvedInTheBackground) {

@@ -1,21 +1,15 @@
-// A socket as it is constructed, the networking layer as it starts, and a process that ends while it runs.
+// A socket as it is constructed, and the networking layer before and when it starts. Stop and start of the layer are
+// socket_layer_test.cpp's.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
-#include <cstdlib>
-#include <string>
-#include <thread>
 #include <vector>
 
+#include "kernel/task.h"
 #include "network/asocket.h"
 #include "support/network_fixture.h"
-#include "support/socket_calls.h"
 #include "support/socket_probe.h"
 #include "support/watched_thread.h"
 
@@ -96,6 +90,35 @@ TEST_P(SocketConstruction, ArmsAQueueTriggerOnEachQueueForNoTask) {
   EXPECT_EQ(socket->qtrigger.action, OS_TA_FUNC);
 }
 
+/// Makes a socket. Deletes itself.
+class MakingTask : public OSTask {
+ public:
+  MakingTask(bool indirect, OwnedSocket* socket, Gate* made)
+      : OSTask(3, 0, nullptr, nullptr), indirect_(indirect), socket_(socket), made_(made) {
+    LeaveCriticalSection(&cs);
+  }
+  void Main() override {
+    socket_->reset(new AsyncSocket(indirect_));
+    made_->open();
+  }
+
+ private:
+  const bool indirect_;
+  OwnedSocket* const socket_;
+  Gate* const made_;
+};
+
+TEST_P(SocketConstruction, LeavesTheTriggersToNoTaskEvenWhenOneMakesTheSocket) {
+  const int threads = running_threads();
+  OwnedSocket socket;
+  Gate made;
+  new MakingTask(GetParam(), &socket, &made);
+  ASSERT_TRUE(made.wait());
+  EXPECT_EQ(socket->qtrigger.task, nullptr);
+  EXPECT_EQ(socket->listenqtrigger.task, nullptr);
+  EXPECT_TRUE(wait_until([&] { return running_threads() == threads + 2; })) << "the networking layer's";
+}
+
 TEST_P(SocketConstruction, MakesTheSocketsOwnSectionUsable) {
   const OwnedSocket socket = made();
   EnterCriticalSection(&socket->local_cs);
@@ -158,119 +181,6 @@ TEST_F(NetworkLayer, StartsWithTheFirstSocket) {
     EXPECT_FALSE(AsyncSocket::real_hardware) << "no maker's number is configured";
     EXPECT_TRUE(wait_until([] { return std::atomic_ref<int>(AsyncSocket::sigpipefd).load() >= 0; }));
   });
-}
-
-TEST_F(NetworkLayer, HasANonBlockingPipeThatProgramsItStartsDoNotInherit) {
-  const OwnedSocket socket = indirect_socket();
-  ASSERT_TRUE(wait_until([] { return std::atomic_ref<int>(AsyncSocket::sigpipefd).load() >= 0; }));
-  for (const int fd : {std::atomic_ref<int>(AsyncSocket::sigfd).load(), AsyncSocket::sigpipefd}) {
-    EXPECT_TRUE(non_blocking(fd)) << fd;
-    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC) << fd;
-  }
-}
-
-TEST_F(NetworkLayer, StartsOnce) {
-  EXPECT_TRUE(AsyncSocket::Init());
-  const int threads = running_threads();
-  const pthread_t monitor = AsyncSocket::monitor_thread;
-  OSIndirectList* const sockets = AsyncSocket::sockets;
-  EXPECT_TRUE(AsyncSocket::Init());
-  const OwnedSocket socket = indirect_socket();
-  EXPECT_EQ(running_threads(), threads);
-  EXPECT_TRUE(pthread_equal(AsyncSocket::monitor_thread, monitor));
-  EXPECT_EQ(AsyncSocket::sockets, sockets);
-}
-
-TEST_F(NetworkLayer, StartsOnceWhenSeveralThreadsConstructTheFirstSockets) {
-  IN_FRESH_PROCESS({
-    const int before = running_threads();
-    Gate start;
-    OwnedSocket sockets[4];
-    std::vector<std::thread> threads;
-    for (OwnedSocket& socket : sockets) {
-      threads.emplace_back([&start, &socket] {
-        start.wait();
-        socket = indirect_socket();
-      });
-    }
-    start.open();
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_TRUE(wait_until([&] { return running_threads() == before + 2; })) << running_threads() - before;
-    EXPECT_EQ(live_sockets().size(), 4u);
-  });
-}
-
-TEST_F(NetworkLayer, StartsAgainAfterItWasStopped) {
-  for (int round = 0; round < 3; ++round) {
-    {
-      RecordingLayer layer;
-      PeerUdp peer;
-      const OwnedSocket socket = indirect_socket();
-      socket->Bind(&layer);
-      ASSERT_EQ(socket->Create(SOCK_DGRAM, 0, INADDR_LOOPBACK, false), 0);
-      ASSERT_TRUE(peer.send_to(socket->LocalPort(), "round"));
-      EXPECT_TRUE(layer.wait_for(1));
-      EXPECT_EQ(layer.data(), "round");
-    }
-    AsyncSocket::Cleanup();
-    EXPECT_FALSE(AsyncSocket::AsyncInitDone);
-    EXPECT_EQ(AsyncSocket::monitor_thread, pthread_t{});
-  }
-}
-
-// ---- The end of the process --------------------------------------------------------------------------------------
-
-class SocketExit : public NetworkTest {};
-
-/// Ends the process by exit() with a connected stream, a socket with a thread of its own and a layer above: a program
-/// that ends does not take its network down first.
-void exit_with_sockets_open() {
-  alarm(60);
-  static auto* const layer = new RecordingLayer;
-  static auto* const listener = new PeerListener;
-  static auto* const stream = new AsyncSocket(true);
-  static auto* const direct = new AsyncSocket(false);
-  stream->Bind(layer);
-  stream->Create(SOCK_STREAM, 0, INADDR_LOOPBACK, false);
-  stream->Connect(INADDR_LOOPBACK, listener->port());
-  static auto* const peer = new PeerStream(listener->accept());
-  if (!peer->is_open() || !layer->wait_for_connect()) _exit(99);
-  direct->Create(SOCK_DGRAM, 0, INADDR_LOOPBACK, false);
-  std::exit(7);
-}
-
-TEST_F(SocketExit, LeavesTheProgramsOwnExitCode) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(exit_with_sockets_open(), testing::ExitedWithCode(7), "");
-}
-
-/// Sends back what it receives.
-struct Echo : OSIO {
-  explicit Echo(AsyncSocket* to) : socket(to) { socket->Bind(this); }
-  OSIORetCode DataIndication(OSBuf* buf) override { return socket->DataIndication(buf); }
-  AsyncSocket* socket;
-};
-
-/// Ends the process by exit() while an echo runs. Nothing is freed, but all of it stays in sight.
-void exit_while_traffic_flows() {
-  alarm(60);
-  static auto* const listener = new PeerListener;
-  static auto* const echo = new Echo(new AsyncSocket(true));
-  echo->socket->Create(SOCK_STREAM, 0, INADDR_LOOPBACK, false);
-  echo->socket->Connect(INADDR_LOOPBACK, listener->port());
-  static auto* const peer = new PeerStream(listener->accept());
-  static auto* const rounds = new std::atomic<int>(0);
-  std::thread([] {
-    const std::string block = numbered_bytes(1000);
-    while (peer->send_all(block) && peer->receive(block.size()) == block) ++*rounds;
-  }).detach();
-  if (!wait_until([] { return *rounds >= 20; })) _exit(99);
-  std::exit(7);
-}
-
-TEST_F(SocketExit, LeavesItWhileTrafficFlows) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(exit_while_traffic_flows(), testing::ExitedWithCode(7), "");
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 
 #include "network/asocket.h"
 #include "support/network_fixture.h"
+#include "support/section_wait.h"
 #include "support/socket_calls.h"
 #include "support/socket_probe.h"
 #include "support/watched_thread.h"
@@ -109,6 +110,42 @@ TEST_F(SocketOptions, LocalAddressOfASocketForAllAddressesIsAskedForEveryTime) {
     EXPECT_EQ(socket->LocalIP_h(), 0u);
     EXPECT_EQ(calls.count(SystemCall::kGetsockname), i);
   }
+}
+
+TEST_F(SocketOptions, AddressAndPortAreAskedForEachOnItsOwnAccount) {
+  const OwnedSocket socket = indirect_socket();
+  ASSERT_EQ(socket->Create(SOCK_DGRAM, 0, 0, false), 0);
+  const UWORD port = system_name(socket->s).Port();
+  SocketCalls calls;
+  EXPECT_EQ(socket->LocalPort(), port) << "known, though the address is not";
+  EXPECT_EQ(calls.count(SystemCall::kGetsockname), 0u);
+  socket->loc_sin.Set(INADDR_LOOPBACK, 0);
+  EXPECT_EQ(socket->LocalIP_h(), INADDR_LOOPBACK) << "known, though the port is not";
+  EXPECT_EQ(calls.count(SystemCall::kGetsockname), 0u);
+  EXPECT_EQ(socket->LocalPort(), port);
+  EXPECT_EQ(calls.count(SystemCall::kGetsockname), 1u);
+}
+
+TEST_F(SocketOptions, TheEndsAreReadAndStoredInsideTheSocketsSection) {
+  const OwnedSocket socket = indirect_socket();
+  ASSERT_EQ(socket->Create(SOCK_DGRAM, 0, INADDR_LOOPBACK, false), 0);
+  const OwnedSocket fresh = indirect_socket();
+  ExpectOthersWait(socket->local_cs, {
+                                         {"LocalIP_n", [&] { socket->LocalIP_n(); }},
+                                         {"LocalIP_h", [&] { socket->LocalIP_h(); }},
+                                         {"LocalPort", [&] { socket->LocalPort(); }},
+                                         {"RemoteIP_n", [&] { socket->RemoteIP_n(); }},
+                                         {"RemoteIP_h", [&] { socket->RemoteIP_h(); }},
+                                         {"RemotePort", [&] { socket->RemotePort(); }},
+                                         {"RemoteIPText", [&] { socket->RemoteIPText(); }},
+                                         {"Connect", [&] { socket->Connect(INADDR_LOOPBACK, 9); }},
+                                     });
+  ExpectOthersWait(fresh->local_cs,
+                   {{"Create", [&] { fresh->Create(SOCK_STREAM, 0, INADDR_LOOPBACK, false); }}});
+  fresh->Close();
+  ExpectOthersWait(
+      fresh->local_cs,
+      {{"Create of a descriptor", [&] { fresh->Create(SOCK_STREAM, bound_socket(SOCK_STREAM).release()); }}});
 }
 
 TEST_F(SocketOptions, AllThreeReportTheSameFailure) {

@@ -257,6 +257,40 @@ TEST_F(QuietSocketFreeInside, ThreadsThatFreeEachOthersSocketsInsideTheirCallbac
   }
 }
 
+TEST_F(QuietSocketFreeInside, WaitsForOneThatWaitsForNobodyThoughAnotherWaitsForTheCaller) {
+  PeerListener listener;
+  RecordingLayer freed_layer, layer;
+  Fate freed_fate, fate;
+  AsyncSocket* const freed = new FatedSocket(freed_fate, true);
+  AsyncSocket* const own = new FatedSocket(fate, true);
+  Gate visitor_leaves, caller_goes_on, caller_inside;
+  freed_layer.set_hook([&](const Indication&) { EXPECT_TRUE(visitor_leaves.wait(60000)); });
+  layer.set_hook([&](const Indication&) {
+    caller_inside.open();
+    EXPECT_TRUE(caller_goes_on.wait(60000));
+    freed->Free();
+  });
+  PeerStream freed_peer = connect_to_peer(*freed, freed_layer, listener);
+  PeerStream peer = connect_to_peer(*own, layer, listener);
+  ASSERT_TRUE(wait_until([&] { return queued(*freed) == 1 && queued(*own) == 1; }, kPatienceMs));
+
+  WatchedThread visitor([&] { AsyncSocket::_QCallback(as_obj(freed), nullptr, 0); });
+  ASSERT_TRUE(freed_layer.wait_entered(1));
+  WatchedThread caller([&] { AsyncSocket::_QCallback(as_obj(own), nullptr, 0); });
+  ASSERT_TRUE(caller_inside.wait());
+  WatchedThread waits_for_caller([&] { own->Free(); });
+  ASSERT_TRUE(waits_for_caller.blocked());
+  caller_goes_on.open();
+  EXPECT_TRUE(caller.blocked());
+  EXPECT_EQ(freed_fate.destroyed, 0) << "somebody is inside who will come back";
+  visitor_leaves.open();
+  for (WatchedThread* thread : {&visitor, &caller, &waits_for_caller}) {
+    EXPECT_TRUE(thread->finished_within(kPatienceMs));
+  }
+  EXPECT_EQ(freed_fate.destroyed, 1);
+  EXPECT_EQ(fate.destroyed, 1);
+}
+
 /// Two sockets that free each other inside their indications, each way of serving with each. In a process of its
 /// own: threads that waited for each other would never end.
 TEST_F(SocketFreeInside, SocketsOfBothWaysFreeEachOtherInsideTheirIndications) {

@@ -422,6 +422,19 @@ TEST_F(QuietSocketFree, ALaterSocketInTheSamePlaceGetsNoCallbackOfTheDeadOne) {
   listening->Free();
 }
 
+TEST_F(QuietSocketFree, ASocketThatWasDeletedWithoutFreeIsFoundGoneToo) {
+  AsyncSocket* dead = new InOnePlace;
+  expected_fatals.push_back(
+      text_of("-1 AsyncSocket::~AsyncSocket - %p, socket not Free'd first!", static_cast<void*>(dead)));
+  delete dead;
+  console.clear();
+  AsyncSocket::_QCallback(as_obj(dead), nullptr, 0);
+  AsyncSocket::_ListenQCallback(as_obj(dead), nullptr, 0);
+  EXPECT_THAT(console.calls(), IsEmpty());
+  EXPECT_EQ(levels_inside(AsyncSocket::cs), 0);
+  expected_fatals.clear();  // the console has been cleared
+}
+
 TEST_F(SocketFree, ALaterSocketInTheSamePlaceGetsNoAnswerOfTheResolverForTheDeadOne) {
   RecordingLayer dead_layer;
   RecordingLayer layer;
@@ -560,6 +573,17 @@ TEST_F(SocketFree, DeletingADirectSocketWithoutItIsNoMistake) {
   delete socket;
   EXPECT_TRUE(peer.ended());
   EXPECT_THAT(live_sockets(), IsEmpty());
+}
+
+TEST_F(SocketFree, WithoutAConsoleNothingIsSaidAndNothingIsFatal) {
+  IN_FRESH_PROCESS({
+    Console = nullptr;
+    AsyncSocket* socket = new AsyncSocket(true);
+    socket->SetDiffServ(1);  // has no descriptor to set it on
+    delete socket;
+    const OwnedSocket later = indirect_socket();
+    EXPECT_EQ(live_sockets().size(), 1u);
+  });
 }
 
 // ---- Without the networking layer ----------------------------------------------------------------------------------

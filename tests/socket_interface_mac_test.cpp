@@ -165,8 +165,9 @@ TEST_F(SocketMac, TheFirstLookUpDoesWithoutEth0) {
 
 TEST_F(SocketMac, TheFirstLookUpMakesNoMachineTheAppliancesOwnWhenNoMakersNumberIsConfigured) {
   IN_FRESH_PROCESS({
-    const MadeUpSystem system({{"eth0", {0x00, 0x00, 0x00, 0x01, 0x02, 0x03}}});
-    look_up();
+    const Mac mac = {0x00, 0x00, 0x00, 0x01, 0x02, 0x03};
+    const MadeUpSystem system({{"eth0", mac, IFF_BROADCAST}});
+    EXPECT_EQ(look_up(), (Result{true, mac})) << "not all of it is zero";
     EXPECT_FALSE(AsyncSocket::real_hardware);
   });
   IN_FRESH_PROCESS({
@@ -181,6 +182,18 @@ TEST_F(SocketMac, TheStartOfTheNetworkingLayerIsTheFirstLookUp) {
     const MadeUpSystem system({{"eth0", mac_number(1), IFF_BROADCAST}});
     AsyncSocket::Init();
     EXPECT_EQ(look_up(), (Result{false, kUntouched}));
+  });
+}
+
+TEST_F(SocketMac, ALookUpWithoutADescriptorIsNotYetTheFirst) {
+  IN_FRESH_PROCESS({
+    {
+      SocketCalls calls;
+      calls.fail(SystemCall::kSocket, EMFILE);
+      EXPECT_EQ(look_up(), (Result{false, kUntouched}));
+    }
+    const MadeUpSystem system({{"eth0", mac_number(1), IFF_BROADCAST}});
+    EXPECT_EQ(look_up(), (Result{true, mac_number(1)}));
   });
 }
 

@@ -302,6 +302,23 @@ TEST_P(SocketListenEitherWay, ASubclassMakesItsOwnKindOfSocket) {
   EXPECT_EQ(socket->RemotePort(), peer.local_port()) << "the peer is set by the listener";
 }
 
+/// Has no socket for anybody.
+class NoKind : public AsyncSocket {
+ public:
+  explicit NoKind(bool indirect) : AsyncSocket(indirect) {}
+  AsyncSocket* GetNewSocket(int) override { return nullptr; }
+};
+
+TEST_P(SocketListenEitherWay, ASubclassThatMakesNoSocketRefusesTheConnection) {
+  Acceptor acceptor;
+  Owned<NoKind> listener(new NoKind(indirect()));
+  ASSERT_EQ(acceptor.listen_with(*listener), 0);
+  PeerStream peer = PeerStream::connect_to(listener->LocalPort());
+  ASSERT_TRUE(peer.is_open());
+  EXPECT_TRUE(peer.ended());
+  EXPECT_EQ(acceptor.calls(), 0);
+}
+
 TEST_F(SocketListen, GetNewSocketAdoptsTheDescriptorWithTheListenersType) {
   OwnedSocket maker = indirect_socket();
   ASSERT_EQ(maker->Create(SOCK_DGRAM, 0, INADDR_LOOPBACK, false), 0);
@@ -357,6 +374,20 @@ TEST_F(QuietSocketListen, OneDispatchHandsOverEverythingThatWaits) {
     ASSERT_NE(socket, nullptr);
     EXPECT_EQ(socket->RemotePort(), peer.local_port());
   }
+}
+
+TEST_F(QuietSocketListen, ConnectionsAreTakenOutInsideTheListenersSection) {
+  Acceptor acceptor;
+  OwnedSocket listener = indirect_socket();
+  ASSERT_EQ(acceptor.listen_with(*listener), 0);
+  PeerStream peer = PeerStream::connect_to(listener->LocalPort());
+  ASSERT_TRUE(wait_until([&] { return accepted_waiting(*listener) == 1; }, kPatienceMs));
+  ExpectOthersWait(listener->local_cs, {{"dispatch", [&] {
+                                           EXPECT_EQ(acceptor.calls(), 0);
+                                           AsyncSocket::_ListenQCallback(
+                                               reinterpret_cast<OSObj*>(listener.get()), nullptr, 0);
+                                         }}});
+  EXPECT_EQ(acceptor.calls(), 1);
 }
 
 TEST_F(QuietSocketListen, ACallbackForAListenerThatIsGoneDoesNothing) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/failing_new.h"
 #include "support/interposed_calls.h"
 #include "support/socket_pairs.h"
 
@@ -173,6 +174,7 @@ TEST_P(SocketAccept, ALostConnectionIsPassedOver) {
     PeerStream second = PeerStream::connect_to(server.port());
     ASSERT_TRUE(server.wait_for(2));
     EXPECT_LE(failures, 0);
+    EXPECT_EQ(console.count(failure(server.listener()->s, error)), 2);
     EXPECT_TRUE(look_at(server.listener()->running));
     server.stop();
     calls().restore_all();
@@ -180,7 +182,7 @@ TEST_P(SocketAccept, ALostConnectionIsPassedOver) {
 }
 
 TEST_P(SocketAccept, WithoutADescriptorItSaysSoSeldomAndComesBack) {
-  for (const int error : {EMFILE, ENFILE}) {
+  for (const int error : {EMFILE, ENFILE, ENOBUFS, ENOMEM}) {
     SCOPED_TRACE(error);
     console.clear();
     std::atomic<bool> none_left{true};
@@ -213,6 +215,23 @@ TEST_P(SocketAccept, WithoutADescriptorItSaysSoSeldomAndComesBack) {
     server.stop();
     calls().restore_all();
   }
+}
+
+TEST_P(SocketAccept, AConnectionThatMemoryDoesNotSufficeForIsClosed) {
+  Server server(indirect());
+  PeerStream first = PeerStream::connect_to(server.port());
+  ASSERT_TRUE(server.wait_for(1));
+  const int descriptors = open_descriptors();
+  FailingNew::fail_at_least(sizeof(SocketLink));
+  {
+    PeerStream refused = PeerStream::connect_to(server.port());
+    EXPECT_TRUE(refused.ended());
+  }
+  FailingNew::reset();
+  EXPECT_TRUE(wait_until([&] { return open_descriptors() == descriptors; }, kPatienceMs));
+  PeerStream second = PeerStream::connect_to(server.port());
+  ASSERT_TRUE(server.wait_for(2));
+  EXPECT_EQ(server.socket(1)->RemotePort(), second.local_port());
 }
 
 TEST_P(SocketAccept, AListenerThatHasNoDescriptorsCanBeFreed) {
@@ -263,6 +282,35 @@ TEST_P(SocketAccept, AFloodOfConnectionsIsTakenWhole) {
 
 INSTANTIATE_TEST_SUITE_P(, SocketAccept, testing::Values(true, false),
                          [](const auto& kind) { return std::string(kind.param ? "Indirect" : "Direct"); });
+
+class SocketListenMonitored : public NetworkTest {
+ protected:
+  void TearDown() override {
+    calls().restore_all();
+    NetworkTest::TearDown();
+  }
+};
+
+TEST_F(SocketListenMonitored, SaysThatItFailsForAnyOtherReasonAndTriesAgainInAWhile) {
+  std::atomic<int> failures{3};
+  replace_accept([&](int) { return failures.fetch_sub(1) > 0 ? EPERM : 0; });
+  Server server(true);
+  PeerStream peer = PeerStream::connect_to(server.port());
+  ASSERT_TRUE(wait_until([&] { return failures <= 2; }, kPatienceMs));
+  EXPECT_TRUE(is_calm(AsyncSocket::monitor_thread));
+  ASSERT_TRUE(server.wait_for(1));
+  EXPECT_EQ(console.count(line("%d AsyncSocket::Poll - accept error %d", server.listener()->s, EPERM)), 3);
+}
+
+TEST_F(SocketListenMonitored, AReportThatIsOutOfDateIsNoFailure) {
+  std::atomic<int> failures{1};
+  replace_accept([&](int) { return failures.fetch_sub(1) > 0 ? EAGAIN : 0; });
+  Server server(true);
+  PeerStream peer = PeerStream::connect_to(server.port());
+  ASSERT_TRUE(server.wait_for(1));
+  EXPECT_LE(failures, 0);
+  EXPECT_EQ(console.text(), "");
+}
 
 class SocketListenThread : public NetworkTest {
  protected:

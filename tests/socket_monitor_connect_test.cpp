@@ -156,24 +156,35 @@ TEST_F(SocketConnect, AnErrorOfTheSecondCallIsIndicatedOnce) {
   EXPECT_FALSE(look_at(socket->running));
 }
 
-TEST_F(SocketConnect, EAlreadyMeansStillConnecting) {
-  PeerListener listener;
-  RecordingLayer layer;
-  OwnedSocket socket = stream_for(&layer);
-  const int s = socket->s;
-  std::atomic<int> attempts{0};
-  calls().connect.replace([s, &attempts](auto real, int fd, const sockaddr* to, socklen_t length) {
-    if (fd != s) return real(fd, to, length);
-    const int attempt = attempts++;
-    if (attempt == 0 || attempt > 3) return real(fd, to, length);
-    errno = EALREADY;
-    return -1;
-  });
-  ASSERT_EQ(socket->Connect(kLoopback, listener.port()), 0);
-  ASSERT_TRUE(layer.wait_for_connect());
-  EXPECT_THAT(layer.story(), ElementsAre("connect"));
-  EXPECT_GE(attempts, 5);
-  EXPECT_EQ(console.count("connect() errno="), 0);
+TEST_F(SocketConnect, SomeErrorsMeanStillConnecting) {
+  for (const int error : {EALREADY, EINPROGRESS, EINTR}) {
+    SCOPED_TRACE(error);
+    put_into(AsyncSocket::trace, 1);
+    PeerListener listener;
+    RecordingLayer layer;
+    OwnedSocket socket = stream_for(&layer);
+    const int s = socket->s;
+    std::atomic<int> attempts{0};
+    calls().connect.replace([s, error, &attempts](auto real, int fd, const sockaddr* to, socklen_t length) {
+      if (fd != s) return real(fd, to, length);
+      const int attempt = attempts++;
+      if (attempt > 3) return real(fd, to, length);
+      // The first call begins the connection whatever it says.
+      if (attempt == 0) real(fd, to, length);
+      errno = error;
+      return -1;
+    });
+    ASSERT_EQ(socket->Connect(kLoopback, listener.port()), 0);
+    ASSERT_TRUE(layer.wait_for_connect());
+    EXPECT_THAT(layer.story(), ElementsAre("connect"));
+    EXPECT_GE(attempts, 5);
+    EXPECT_EQ(console.count("connect() errno="), 0);
+    EXPECT_EQ(
+        console.count(line("%d AsyncSocket::MonitorThread - connecting to 127.0.0.1:%u", s, listener.port())),
+        1);
+    calls().connect.restore();
+    console.clear();
+  }
 }
 
 TEST_F(SocketConnect, ASuccessOfTheFirstCallIsAConnectionToo) {

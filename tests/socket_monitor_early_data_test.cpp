@@ -158,7 +158,9 @@ TEST_F(SocketEarlyData, AFullSystemIsWaitedFor) {
   OwnedSocket socket = stream_for(&layer);
   std::atomic<int> refusals{4};
   filter_sends(socket->s, [&refusals](size_t count) -> long {
-    return refusals.fetch_sub(1) > 0 ? -EAGAIN : static_cast<long>(count);
+    const int left = refusals--;
+    if (left <= 0) return static_cast<long>(count);
+    return left % 2 == 0 ? -EAGAIN : -EINTR;
   });
   ASSERT_EQ(socket->DataIndication(buffer_of("patient")), Success);
   ASSERT_EQ(socket->Connect(kLoopback, listener.port()), 0);
@@ -207,6 +209,7 @@ TEST_F(SocketEarlyData, AFailedSendEndsTheStream) {
       },
       kPatienceMs));
   EXPECT_EQ(socket->DataIndication(buffer_of("too late")), NoConnection);
+  EXPECT_TRUE(is_calm(AsyncSocket::monitor_thread)) << "what is left is not waited to be sent";
   peer.close();
   ASSERT_TRUE(layer.wait_for_disconnect());
   MonitorBeat monitor;

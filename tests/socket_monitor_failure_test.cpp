@@ -16,6 +16,23 @@ using testing::ElementsAre;
 
 namespace {
 
+/// What was last written into the wake-up pipe: one byte, or 1000 and more for another number of them.
+std::atomic<int> wake_up_written{-1};
+std::atomic<int> wake_ups_written{0};
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) ssize_t write(int fd, const void* bytes, size_t count) {
+  static const auto real = reinterpret_cast<ssize_t (*)(int, const void*, size_t)>(dlsym(RTLD_NEXT, "write"));
+  if (fd >= 0 && fd == std::atomic_ref<int>(AsyncSocket::sigpipefd).load()) {
+    ++wake_ups_written;
+    wake_up_written = count == 1 ? *static_cast<const unsigned char*>(bytes) : 1000 + static_cast<int>(count);
+  }
+  return real(fd, bytes, count);
+}
+
+namespace {
+
 class SocketMonitorThread : public NetworkTest {
  protected:
   void TearDown() override {
@@ -65,6 +82,22 @@ TEST_F(SocketMonitorThread, ADescriptorThatIsGoneMeanwhileIsNoNews) {
   ASSERT_TRUE(peer.send_all("still there"));
   ASSERT_TRUE(layer.wait_for_bytes(11));
   EXPECT_EQ(console.count("select error"), 0);
+}
+
+TEST_F(SocketMonitorThread, LooksAtAllSocketsWhenAProgramThatHasChangedOneWakesIt) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = established_stream(&layer, &peer);
+  MonitorBeat monitor;
+  put_into(socket->running, false);
+  AsyncSocket::WakeMonitorThread();
+  ASSERT_TRUE(monitor.passes());
+  ASSERT_TRUE(peer.send_all("later"));
+  ASSERT_TRUE(monitor.passes());
+  EXPECT_EQ(layer.count(), 0U);
+  put_into(socket->running, true);
+  AsyncSocket::WakeMonitorThread();
+  ASSERT_TRUE(layer.wait_for_bytes(5));
 }
 
 TEST_F(SocketMonitorThread, SaysWhatItDoesWhenTraced) {
@@ -121,7 +154,68 @@ TEST_F(SocketMonitorThread, OneWakeUpServesManyBytesInThePipe) {
   MonitorBeat monitor;
   ASSERT_TRUE(monitor.passes());
   ASSERT_TRUE(wait_until([] { return bytes_waiting(AsyncSocket::sigfd) == 0; }, kPatienceMs));
+  // Bytes that a program writes itself, in whole pieces of 100 and not.
+  for (const std::size_t count : {1U, 99U, 100U, 101U, 200U, 1234U}) {
+    const std::string bytes(count, '\0');
+    ASSERT_EQ(write(look_at(AsyncSocket::sigpipefd), bytes.data(), count), static_cast<ssize_t>(count));
+    ASSERT_TRUE(wait_until([] { return bytes_waiting(AsyncSocket::sigfd) == 0; }, kPatienceMs)) << count;
+  }
   EXPECT_TRUE(is_calm(AsyncSocket::monitor_thread));
+}
+
+TEST_F(SocketMonitorThread, IsWokenByOneByteOfZero) {
+  OwnedSocket socket = indirect_socket();
+  MonitorBeat monitor;
+  ASSERT_TRUE(monitor.passes());
+  wake_up_written = -1;
+  AsyncSocket::WakeMonitorThread();
+  ASSERT_TRUE(wait_until([] { return wake_up_written != -1; }, kPatienceMs));
+  EXPECT_EQ(wake_up_written, 0);
+}
+
+TEST_F(SocketMonitorThread, WakeUpsThatItHasYetToComeToAreOneByte) {
+  OwnedSocket socket = indirect_socket();
+  MonitorBeat monitor;
+  ASSERT_TRUE(monitor.passes());
+  EnterCriticalSection(&AsyncSocket::cs);
+  wake_ups_written = 0;
+  for (int i = 0; i < 1000; ++i) AsyncSocket::WakeMonitorThread();
+  // It may have taken one or two before it stands at its section.
+  EXPECT_LE(wake_ups_written, 3);
+  LeaveCriticalSection(&AsyncSocket::cs);
+  ASSERT_TRUE(monitor.passes());
+}
+
+/// Keeps the monitor thread inside the first datagram that it reads.
+class HeldReader : public AsyncSocket {
+ public:
+  HeldReader() : AsyncSocket(true) {}
+  void ProcessData(OSBuf* buf) override {
+    buf->Free();
+    inside.open();
+    door.wait();
+  }
+  Gate inside, door;
+};
+
+TEST_F(SocketMonitorThread, AWakeUpThatAnEarlierOneLeftIsNotTakenForItsOwn) {
+  {
+    PeerUdp peer;
+    const Owned<HeldReader> socket(new HeldReader);
+    ASSERT_EQ(socket->Create(SOCK_DGRAM, 0, kLoopback, false), 0);
+    ASSERT_TRUE(peer.send_to(socket->LocalPort(), "x"));
+    ASSERT_TRUE(socket->inside.wait());
+    wake_up_written = -1;
+    WatchedThread stopping([] { AsyncSocket::Cleanup(); });
+    // The thread ends without coming to the pipe again.
+    ASSERT_TRUE(wait_until([] { return wake_up_written != -1; }, kPatienceMs));
+    socket->door.open();
+    ASSERT_TRUE(stopping.finished_within(kPatienceMs));
+  }
+  for (int i = 0; i < 2; ++i) {
+    MonitorBeat monitor;
+    ASSERT_TRUE(monitor.passes()) << i;
+  }
 }
 
 TEST_F(SocketMonitorThread, ThePipeIsNonBlockingAndClosedOnExec) {

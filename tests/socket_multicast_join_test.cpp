@@ -74,6 +74,25 @@ TEST_F(SocketMulticastHardware, JoinsByTheInterfacesIndex) {
   }
 }
 
+TEST_F(SocketMulticastHardware, TakesTheFirstOfSeveralInterfacesWithTheAddress) {
+  OSKERNEL_IN_NETWORK_NAMESPACE();
+  const Site site;
+  const OwnedSocket socket = socket_on_hardware();
+  SocketCalls calls;
+  calls.answer([](const SystemCall& call, int*) {
+    if (call.name != SystemCall::kIoctl || call.request != SIOCGIFADDR) return false;
+    SockAddr address(kOwnRight, 0);
+    std::memcpy(&static_cast<ifreq*>(call.argument)->ifr_addr, &address.sin, sizeof address.sin);
+    return true;
+  });
+  create(*socket, McReceiveOnly, kOwnRight);
+  struct if_nameindex* const all = if_nameindex();
+  ASSERT_NE(all, nullptr);
+  EXPECT_EQ(said().front(), text_of("%d AsyncSocket::CreateMulticast MCAST_JOIN_GROUP %08x, iface %d",
+                                    socket->s, htonl(kGroup), static_cast<int>(all[0].if_index)));
+  if_freenameindex(all);
+}
+
 TEST_F(SocketMulticastHardware, LooksForItsOwnInterfaceAmongTheKnownNames) {
   OSKERNEL_IN_NETWORK_NAMESPACE();
   const Site site;
@@ -123,6 +142,58 @@ TEST_F(SocketMulticastHardware, ReportsAGroupThatCannotBeJoined) {
     EXPECT_FALSE(running(*socket));
     EXPECT_EQ(state_of(*socket), SSInitial);
   }
+}
+
+// ---- A socket that has been used before --------------------------------------------------------------------------
+
+TEST_F(SocketMulticast, ClosesTheDescriptorOfAnEarlierCreation) {
+  OSKERNEL_IN_NETWORK_NAMESPACE();
+  const Site site;
+  for (const Form& form : kForms) {
+    const OwnedSocket socket = indirect_socket();
+    let_the_layer_start();
+    ASSERT_EQ(create(form, *socket, McReceiveOnly), 0);
+    const int before = open_descriptors();
+    ASSERT_EQ(create(form, *socket, McReceiveOnly, 0, kOtherGroup), 0);
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_FALSE(joined("left", kGroup)) << "left with its descriptor";
+    EXPECT_TRUE(joined("left", kOtherGroup));
+  }
+}
+
+TEST_F(SocketMulticast, ForgetsTheDestinationOfAnEarlierUse) {
+  OSKERNEL_IN_NETWORK_NAMESPACE();
+  const Site site;
+  const OwnedSocket socket = indirect_socket();
+  socket->rem_sin.Set(kPeerLeft, 99);
+  ASSERT_EQ(create(*socket, McReceiveOnly), 0);
+  EXPECT_TRUE(socket->rem_sin == SockAddr());
+}
+
+TEST_F(SocketMulticast, TheGroupMayBeTheSocketsOwnAddress) {
+  OSKERNEL_IN_NETWORK_NAMESPACE();
+  const Site site;
+  for (const Form& form : kForms) {
+    const OwnedSocket socket = indirect_socket();
+    socket->loc_sin.Set(kGroup, kPort);
+    ASSERT_EQ(((*socket).*form.create)(socket->loc_sin, McSendOnly, nullptr), 0);
+    EXPECT_TRUE(socket->rem_sin == SockAddr(kGroup, kPort));
+    ASSERT_EQ(((*socket).*form.create)(socket->rem_sin, McReceiveOnly, nullptr), 0);
+    EXPECT_TRUE(socket->loc_sin == SockAddr(kGroup, kPort));
+  }
+}
+
+TEST_F(SocketMulticast, ThePublicAddressIsNotTheWayToAGroup) {
+  OSKERNEL_IN_NETWORK_NAMESPACE();
+  const Site site;
+  AsyncSocket::modulePublicIPAddress.Set(kOwnRight, 0);
+  {
+    const OwnedSocket socket = indirect_socket();
+    ASSERT_EQ(create(*socket, McSendAndReceive), 0);
+    EXPECT_EQ(multicast_interface(socket->s), kOwnLeft);
+    EXPECT_TRUE(joined("left", kGroup));
+  }
+  AsyncSocket::modulePublicIPAddress.Set(ULONG{0}, 0);
 }
 
 // ---- Refusals ----------------------------------------------------------------------------------------------------

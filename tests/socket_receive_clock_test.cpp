@@ -107,6 +107,54 @@ TEST_F(SocketTimeRunning, AThreadIsTriedAgainEveryFiveHundredMilliseconds) {
   ASSERT_TRUE(layer.wait_for(1));
 }
 
+TEST_F(SocketTimeRunning, AShortIntervalIsDoubledForTheTimeAfterTheNext) {
+  OwnedSocket bare = direct_socket();
+  std::atomic<int> attempts{0};
+  calls().pthread_create.replace([&](auto, auto...) {
+    ++attempts;
+    return EAGAIN;
+  });
+  OwnedSocket socket = direct_socket();
+  socket->retryTimeout = 8;
+  ASSERT_EQ(socket->Create(SOCK_DGRAM, 0, kLoopback, false), 0);
+  int expected = 1;
+  for (const ULONG interval : {8, 16, 16, 16}) {
+    EXPECT_EQ(attempts, expected);
+    pass_time(interval - 1);
+    EXPECT_EQ(attempts, expected) << "too early";
+    FakeClock::advance(1);
+    ++expected;
+    ASSERT_TRUE(wait_until([&] { return attempts == expected; }, kPatienceMs)) << interval;
+    StalledDispatcher settled;
+    ASSERT_TRUE(settled.stalled());
+  }
+  calls().pthread_create.restore();
+}
+
+TEST_F(SocketTimeRunning, AThreadThatWasToBeTriedAgainIsNotStartedForAClosedSocket) {
+  OwnedSocket bare = direct_socket();
+  std::atomic<int> attempts{0};
+  calls().pthread_create.replace([&](auto, auto...) {
+    ++attempts;
+    return EAGAIN;
+  });
+  RecordingLayer layer;
+  OwnedSocket closed = datagram_socket(&layer, false);
+  OwnedSocket freed = datagram_socket(&layer, false);
+  EXPECT_EQ(attempts, 2);
+  closed->Close();
+  freed.reset();
+  pass_time(500);
+  EXPECT_EQ(attempts, 2);
+  EXPECT_FALSE(look_at(closed->running));
+  EXPECT_EQ(closed->thread, 0U);
+  calls().pthread_create.restore();
+  PeerUdp peer;
+  ASSERT_EQ(closed->Create(SOCK_DGRAM, 0, kLoopback, false), 0);
+  ASSERT_TRUE(peer.send_to(closed->LocalPort(), "again"));
+  ASSERT_TRUE(layer.wait_for(1)) << "it can be used again";
+}
+
 TEST_F(SocketTimeRunning, AListenerWithoutDescriptorsComplainsOnceASecond) {
   for (const bool indirect : {true, false}) {
     SCOPED_TRACE(indirect);

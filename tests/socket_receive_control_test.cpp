@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "support/socket_pairs.h"
+#include "support/watched_thread.h"
 
 using namespace oskernel_test;
 using testing::ElementsAre;
@@ -75,6 +76,10 @@ TEST_F(SocketReceive, DecodesEveryControlBuffer) {
       {bytes({1, 5}), {"disconnect(5,0)"}},
       {bytes({1, 5, 9, 9, 9, 9}), {"disconnect(5,0)"}},
       {bytes({1, 6}), {"disconnect(6,0)"}},
+      // Where the storage ends too early, nothing behind it is read.
+      {bytes({1}), {}},
+      {bytes({1, 4}), {"disconnect(4,0)"}},
+      {bytes({1, 4, 9, 9, 9}), {"disconnect(4,0)"}},
       {bytes({2}), {}},
       {bytes({4, 1}), {}},
       {bytes({0xFF, 0, 0, 0, 0, 0}), {}},
@@ -311,6 +316,18 @@ TEST_F(SocketAllocBuffer, ADirectSocketTakesFromItsRingAndCountsTheMisses) {
   second->Free();
 }
 
+TEST_F(SocketReceive, APollWithoutADescriptorDoesNothing) {
+  put_into(AsyncSocket::trace, 1);
+  for (const bool indirect : {true, false}) {
+    OwnedSocket socket = stream(indirect);
+    put_into(socket->receive_started, true);
+    console.clear();
+    socket->Poll();
+    EXPECT_EQ(console.count("AsyncSocket::Poll"), 0);
+    EXPECT_THAT(layer_.story(), IsEmpty());
+  }
+}
+
 using SocketStartTask = SocketReceive;
 
 TEST_F(SocketStartTask, OfAnIndirectSocketMarksItAndWakesTheMonitor) {
@@ -336,6 +353,23 @@ TEST_F(SocketStartTask, OfAListenerDoesNotStartReceiving) {
   socket->StartTask();
   EXPECT_FALSE(look_at(socket->receive_started));
   EXPECT_TRUE(look_at(socket->running));
+}
+
+TEST_F(SocketStartTask, RunsInsideTheSectionOfAllSockets) {
+  for (const bool indirect : {true, false}) {
+    SCOPED_TRACE(indirect);
+    OwnedSocket socket = datagram(indirect);
+    EnterCriticalSection(&AsyncSocket::cs);
+    {
+      WatchedThread other([&] { socket->StartTask(); });
+      EXPECT_TRUE(other.blocked());
+      EXPECT_FALSE(look_at(socket->running));
+      LeaveCriticalSection(&AsyncSocket::cs);
+      EXPECT_TRUE(other.finished_within(kPatienceMs));
+    }
+    EXPECT_TRUE(look_at(socket->running));
+    socket->Close();
+  }
 }
 
 TEST_F(SocketReceive, ThreadsOfTheLibraryAreNotNeededToWakeNobody) {

@@ -136,6 +136,7 @@ TEST_P(SocketDatagram, WithLargeBuffersComesWhole) {
     ASSERT_TRUE(peer.send_to(socket->LocalPort(), sent));
     ASSERT_TRUE(layer.wait_for(1));
     EXPECT_TRUE(layer.data() == sent);
+    EXPECT_GE(layer.at(0).size, static_cast<int>(size)) << "the storage says how large it is";
   }
 }
 

@@ -6,12 +6,14 @@
 #include <string>
 #include <vector>
 
+#include "support/buffer_drought.h"
 #include "support/interposed_calls.h"
 #include "support/socket_pairs.h"
 #include "support/watched_thread.h"
 
 using namespace oskernel_test;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::IsEmpty;
 
 namespace {
@@ -136,6 +138,7 @@ TEST_F(SocketDirect, IsRefusedAfterTwoAttempts) {
   const int s = socket->s;
   std::atomic<int> attempts{0};
   answer_connects(s, &attempts, [](int) { return 0; });
+  ASSERT_EQ(socket->DataIndication(buffer_of("never sent")), Success);
   ASSERT_EQ(socket->Connect(kLoopback, port.port()), 0);
   ASSERT_TRUE(layer.wait_for(1));
   EXPECT_THAT(layer.story(), ElementsAre("disconnect(3,0)"));
@@ -145,9 +148,8 @@ TEST_F(SocketDirect, IsRefusedAfterTwoAttempts) {
   EXPECT_EQ(
       console.count(line("%d AsyncSocket::Main connect() errno=111 to 127.0.0.1:%u from ", s, port.port())),
       2);
-  EXPECT_EQ(console.count(" RETRYING"), 1);
-  EXPECT_EQ(console.count(" FAILED"), 1);
-  EXPECT_LT(console.text().find(" RETRYING"), console.text().find(" FAILED"));
+  EXPECT_THAT(console.calls(), ElementsAre(EndsWith(" RETRYING"), EndsWith(" FAILED")));
+  EXPECT_EQ(socket->ring, nullptr) << "there was nothing to receive";
   EXPECT_EQ(socket->DataIndication(buffer_of("too late")), NoConnection);
 }
 
@@ -166,6 +168,80 @@ TEST_F(SocketDirect, TheSecondAttemptMaySucceed) {
   EXPECT_EQ(console.count("connect() errno=110 to 127.0.0.1"), 1);
   EXPECT_EQ(console.count(" RETRYING"), 1);
   EXPECT_EQ(console.count(" FAILED"), 0);
+}
+
+TEST_F(SocketDirect, AnAttemptThatEndsAfterCloseIsNobodysConcern) {
+  const struct {
+    int closed_in;  // the attempt
+    int error;      // of that attempt; the ones before fail
+  } rows[] = {{1, ECONNREFUSED}, {2, ECONNREFUSED}, {1, 0}, {2, 0}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(testing::Message() << row.closed_in << " " << row.error);
+    PeerListener listener;
+    RecordingLayer layer;
+    OwnedSocket socket = stream_for(&layer);
+    std::atomic<int> attempts{0};
+    Gate inside, door;
+    answer_connects(socket->s, &attempts, [&](int n) {
+      if (n < row.closed_in) return ECONNREFUSED;
+      inside.open();
+      door.wait();
+      return row.error;
+    });
+    ASSERT_EQ(socket->DataIndication(buffer_of("queued")), Success);
+    console.clear();
+    ASSERT_EQ(socket->Connect(kLoopback, listener.port()), 0);
+    ASSERT_TRUE(inside.wait());
+    WatchedThread closing([&] { socket->Close(); });
+    ASSERT_TRUE(wait_until([&] { return !look_at(socket->running); }, kPatienceMs));
+    door.open();
+    ASSERT_TRUE(closing.finished_within(kPatienceMs));
+    EXPECT_EQ(attempts, row.closed_in);
+    EXPECT_EQ(console.count("connect() errno="), row.closed_in - 1);
+    EXPECT_THAT(layer.story(), IsEmpty());
+    EXPECT_EQ(look_at(socket->state), SSInitial);
+    EXPECT_EQ(socket->ring, nullptr) << "there was nothing to receive";
+    calls().connect.restore();
+  }
+}
+
+TEST_F(SocketDirect, AFreedSocketsThreadEndsWithoutAWord) {
+  put_into(AsyncSocket::trace, 1);
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = adopted_stream(&layer, &peer, false);
+  layer.set_hook([&](const Indication&) { socket.reset(); });
+  const int threads = running_threads();
+  socket->ConnectAck();
+  ASSERT_TRUE(peer.send_all("x"));
+  ASSERT_TRUE(layer.wait_for(1));
+  EXPECT_TRUE(wait_until([threads] { return running_threads() == threads; }, kPatienceMs));
+  EXPECT_EQ(console.count("Stopped receive thead"), 0) << "its number is not the socket's any more";
+}
+
+TEST_F(SocketDirect, ABufferThatIsFreedBehindItsSendMayTakeTheSocketWithIt) {
+  PeerListener listener;
+  RecordingLayer layer;
+  struct {
+    OwnedSocket socket;
+    Gate freed;
+  } left;
+  left.socket = stream_for(&layer);
+  OSBuf* const first = buffer_of(numbered_bytes(1500));
+  const auto free_socket = [](OSObj*, ADDR where, ULONG) {
+    auto* const given = static_cast<decltype(left)*>(where);
+    given->socket.reset();
+    given->freed.open();
+  };
+  first->AddBufferCallback(OSCallback::Alloc(nullptr, free_socket, nullptr, &left, 0));
+  ASSERT_EQ(left.socket->DataIndication(first), Success);
+  ASSERT_EQ(left.socket->DataIndication(buffer_of("never sent")), Success);
+  ASSERT_EQ(left.socket->Connect(kLoopback, listener.port()), 0);
+  PeerStream peer = listener.accept();
+  EXPECT_EQ(peer.receive(1600), numbered_bytes(1500));
+  EXPECT_TRUE(peer.ended());
+  ASSERT_TRUE(left.freed.wait());
+  EXPECT_THAT(layer.story(), ElementsAre("connect"));
 }
 
 TEST_F(SocketDirect, ConnectsAgainAfterARefusal) {
@@ -204,13 +280,7 @@ TEST_F(SocketDirect, QueuedDataThatCannotBeSentIsPrintedAndFreed) {
   RecordingLayer layer;
   OwnedSocket socket = stream_for(&layer);
   const int s = socket->s;
-  std::atomic<int> failures{1};
-  calls().send.replace(
-      [s, &failures](auto real, int fd, const void* bytes, size_t count, int flags) -> ssize_t {
-        if (fd != s || failures-- <= 0) return real(fd, bytes, count, flags);
-        errno = ENOBUFS;
-        return -1;
-      });
+  const FailingSends failing(s, ENOBUFS, 1);
   ASSERT_EQ(socket->DataIndication(buffer_of(numbered_bytes(1500, 1))), Success);
   ASSERT_EQ(socket->DataIndication(buffer_of(numbered_bytes(1500, 2))), Success);
   ASSERT_EQ(socket->Connect(kLoopback, listener.port()), 0);
@@ -223,6 +293,46 @@ TEST_F(SocketDirect, QueuedDataThatCannotBeSentIsPrintedAndFreed) {
       },
       kPatienceMs));
   ASSERT_TRUE(wait_until([&] { return early_data(socket.get()).empty(); }, kPatienceMs));
+}
+
+TEST_F(SocketDirect, QueuedDataIsSentWholeThoughTheSystemTakesItInPieces) {
+  PeerListener listener;
+  RecordingLayer layer;
+  OwnedSocket socket = stream_for(&layer);
+  const int s = socket->s;
+  std::atomic<int> sends{0};
+  calls().send.replace([&, s](auto real, int fd, const void* bytes, size_t count, int flags) -> ssize_t {
+    if (fd != s) return real(fd, bytes, count, flags);
+    if (++sends % 2 == 0) return real(fd, bytes, std::min<size_t>(count, 100), flags);
+    errno = EINTR;
+    return -1;
+  });
+  const std::string sent = numbered_bytes(1500, 1) + numbered_bytes(700, 2);
+  ASSERT_EQ(socket->DataIndication(buffer_of(sent.substr(0, 1500))), Success);
+  ASSERT_EQ(socket->DataIndication(buffer_of(sent.substr(1500))), Success);
+  ASSERT_EQ(socket->Connect(kLoopback, listener.port()), 0);
+  PeerStream peer = listener.accept();
+  EXPECT_TRUE(peer.receive(sent.size()) == sent);
+  EXPECT_EQ(console.count("Main send()"), 0);
+}
+
+TEST_F(SocketDirect, APeerThatResetsWhileQueuedDataIsSentRaisesNoSignal) {
+  PeerListener listener;
+  RecordingLayer layer;
+  OwnedSocket socket = stream_for(&layer);
+  Gate connected;
+  layer.set_hook([&](const Indication& indication) {
+    if (indication.kind == Indication::kConnect) connected.wait();
+  });
+  for (int i = 0; i < 4; ++i) ASSERT_EQ(socket->DataIndication(buffer_of(numbered_bytes(1500))), Success);
+  ASSERT_EQ(socket->Connect(kLoopback, listener.port()), 0);
+  PeerStream peer = listener.accept();
+  peer.reset();
+  ASSERT_TRUE(wait_for_events(socket->s, POLLHUP));
+  connected.open();
+  ASSERT_TRUE(layer.wait_for_disconnect());
+  EXPECT_THAT(layer.story(), ElementsAre("connect", "disconnect(5,0)"));
+  EXPECT_EQ(console.count("AsyncSocket::Main send() errno="), 4);
 }
 
 TEST_F(SocketDirect, APeerThatClosesEndsTheThread) {
@@ -310,6 +420,104 @@ TEST_F(SocketDirect, WithAnEmptyRingItIsClosedAndFreedAllTheSame) {
   EXPECT_TRUE(wait_until([this] { return console.count("...all buffers are home") == 1; }, kPatienceMs));
 }
 
+TEST_F(SocketDirect, AnAcceptedConnectionSendsWhatItWasGivenBeforeItWasAcknowledged) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = adopted_stream(&layer, &peer, false);
+  EXPECT_EQ(socket->DataIndication(buffer_of("early,")), Success);
+  socket->ConnectAck();
+  EXPECT_EQ(socket->DataIndication(buffer_of("late")), Success);
+  EXPECT_EQ(peer.receive(10), "early,late");
+  EXPECT_EQ(layer.count(), 0U);
+}
+
+// The ring's buffers are at home then: what is missing is one of the pools.
+TEST_F(SocketDirect, WithoutAPoolBufferItWaitsToo) {
+  for (const bool end_of_stream : {false, true}) {
+    SCOPED_TRACE(end_of_stream);
+    RecordingLayer layer;
+    PeerStream peer;
+    OwnedSocket socket = established_stream(&layer, &peer, false);
+    socket->SetBigBuffers(!end_of_stream);
+    console.clear();
+    BufferDrought drought(cfg);
+    if (end_of_stream) {
+      peer.close();
+    } else {
+      ASSERT_TRUE(peer.send_all("small"));
+    }
+    ASSERT_TRUE(wait_until([this] { return !console.fatals().empty(); }, kPatienceMs));
+    EXPECT_TRUE(is_calm(socket->thread));
+    EXPECT_EQ(layer.count(), 0U);
+    drought.end();
+    ASSERT_TRUE(layer.wait_for(1));
+    EXPECT_THAT(layer.story(), ElementsAre(end_of_stream ? "disconnect(5,0)" : "data:small"));
+    socket.reset();
+    console.clear();
+  }
+}
+
+TEST_F(SocketDirect, LooksOnceASecondWhetherItIsToStop) {
+  RecordingLayer layer;
+  std::atomic<int> waited_ms{0};
+  calls().poll.replace([&waited_ms](auto real, pollfd* fds, nfds_t count, int timeout_ms) {
+    if (count == 1 && (fds->events & POLLPRI) != 0) waited_ms = timeout_ms;
+    return real(fds, count, timeout_ms);
+  });
+  OwnedSocket socket = datagram_socket(&layer, false);
+  EXPECT_TRUE(wait_until([&] { return waited_ms == 1000; }, kPatienceMs));
+}
+
+TEST_F(SocketDirect, SaysWhatItsWaitFoundWhenThatIsNothingToRead) {
+  put_into(AsyncSocket::trace, 1);
+  const struct {
+    short found;
+    const char* text;
+  } rows[] = {{POLLPRI, "exception"}, {POLLIN | POLLPRI, "exception"}, {POLLOUT, "not ready"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.text);
+    RecordingLayer layer;
+    PeerStream peer;
+    OwnedSocket socket = adopted_stream(&layer, &peer, false);
+    const int s = socket->s;
+    std::atomic<int> left{1};
+    calls().poll.replace([&, s](auto real, pollfd* fds, nfds_t count, int timeout_ms) {
+      if (count != 1 || fds->fd != s || left.fetch_sub(1) <= 0) return real(fds, count, timeout_ms);
+      fds->revents = row.found;
+      errno = 0;
+      return 1;
+    });
+    const UWORD local = socket->LocalPort();
+    socket->ConnectAck();
+    ASSERT_TRUE(peer.send_all("data"));
+    ASSERT_TRUE(layer.wait_for_bytes(4));
+    EXPECT_THAT(layer.story(), ElementsAre("data:data"));
+    EXPECT_EQ(console.count(line("%d AsyncSocket::Poll select() errno=0(%s) for 127.0.0.1:%u on 127.0.0.1:%u",
+                                 s, row.text, peer.local_port(), local)),
+              1);
+    socket.reset();
+    calls().poll.restore();
+    console.clear();
+  }
+}
+
+TEST_F(SocketDirect, AThreadThatHasEndedIsStartedAgain) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = adopted_stream(&layer, &peer, false);
+  const FailingReads interrupted(socket->s, EINTR, 1);
+  ASSERT_TRUE(peer.send_all("patience"));
+  const int threads = running_threads();
+  socket->ConnectAck();
+  ASSERT_TRUE(wait_until([&] { return !look_at(socket->running); }, kPatienceMs));
+  RingBuffer* const ring = socket->ring;
+  socket->StartTask();
+  ASSERT_TRUE(layer.wait_for_bytes(8));
+  EXPECT_EQ(socket->ring, ring) << "with the buffers that it has";
+  EXPECT_TRUE(wait_until([threads] { return running_threads() == threads + 1; }))
+      << "instead of the one before";
+}
+
 TEST_F(SocketDirect, AnUrgentByteDoesNotKeepItsThreadBusy) {
   RecordingLayer layer;
   PeerStream peer;
@@ -336,12 +544,7 @@ TEST_F(SocketDirect, ASendThatFailsIsIndicatedWithinTheCall) {
   RecordingLayer layer;
   PeerStream peer;
   OwnedSocket socket = established_stream(&layer, &peer, false);
-  const int s = socket->s;
-  calls().send.replace([s](auto real, int fd, const void* bytes, size_t count, int flags) -> ssize_t {
-    if (fd != s) return real(fd, bytes, count, flags);
-    errno = EPIPE;
-    return -1;
-  });
+  const FailingSends failing(socket->s, EPIPE);
   EXPECT_EQ(socket->DataIndication(buffer_of("lost")), Blocked);
   EXPECT_THAT(layer.story(), ElementsAre("disconnect(4,32)"));
   EXPECT_EQ(layer.at(0).thread, gettid());
@@ -365,9 +568,11 @@ TEST_F(SocketDirect, AThreadThatCannotBeStartedIsTriedAgain) {
       line("%d AsyncSocket::StartTask failed, errno 11 - retrying in 500ms...", socket->s);
   EXPECT_EQ(console.count(text), 1);
   EXPECT_TRUE(look_at(socket->running));
-  EXPECT_NE(socket->startRetry, nullptr);
+  OSTimerTrigger* const timer = socket->startRetry;
+  EXPECT_NE(timer, nullptr);
   ASSERT_TRUE(peer.send_to(socket->LocalPort(), "patience"));
   ASSERT_TRUE(layer.wait_for(1));
+  EXPECT_EQ(socket->startRetry, timer) << "made once";
   EXPECT_THAT(layer.story(), ElementsAre("datagram:patience"));
   EXPECT_EQ(console.count(text), 2) << "the interval stays as it is";
   EXPECT_EQ(socket->retryTimeout, 500U);
@@ -391,6 +596,79 @@ TEST_F(SocketDirect, OnlyAShortRetryIntervalIsDoubled) {
     console.clear();
   }
   calls().pthread_create.restore();
+}
+
+TEST_F(SocketDirect, TheRetryIsMeantForOneSocketAndRunsInsideTheSectionOfAllSockets) {
+  OwnedSocket bare = direct_socket();
+  StalledDispatcher dispatcher;  // the timer's own calls would come in between
+  ASSERT_TRUE(dispatcher.stalled());
+  std::atomic<int> attempts{0};
+  calls().pthread_create.replace([&](auto, auto...) {
+    ++attempts;
+    return EAGAIN;
+  });
+  RecordingLayer layer;
+  OwnedSocket socket = datagram_socket(&layer, false);
+  EXPECT_EQ(attempts, 1);
+  const auto retry = [&](ULONG generation) {
+    AsyncSocket::StartRetry(reinterpret_cast<OSObj*>(socket.get()), nullptr, generation);
+  };
+  const ULONG own = socket->startRetry->value;
+  EXPECT_NE(own, 0U) << "0 would mean any socket at that address";
+  retry(own + 1);
+  EXPECT_EQ(attempts, 1) << "a later socket at the address of a dead one";
+  calls().pthread_create.restore();
+  EnterCriticalSection(&AsyncSocket::cs);
+  {
+    WatchedThread other([&] { retry(own); });
+    EXPECT_TRUE(other.blocked());
+    EXPECT_EQ(socket->thread, 0U);
+    LeaveCriticalSection(&AsyncSocket::cs);
+    EXPECT_TRUE(other.finished_within(kPatienceMs));
+  }
+  EXPECT_NE(socket->thread, 0U);
+}
+
+TEST_F(SocketDirect, AThreadThatRunsIsNotStartedTwice) {
+  RecordingLayer layer;
+  PeerUdp peer;
+  OwnedSocket socket = datagram_socket(&layer, false);
+  const int threads = running_threads();
+  const pthread_t thread = socket->thread;
+  socket->StartTask();
+  socket->StartTask();
+  EXPECT_EQ(running_threads(), threads);
+  EXPECT_EQ(socket->thread, thread);
+  ASSERT_TRUE(peer.send_to(socket->LocalPort(), "once"));
+  ASSERT_TRUE(layer.wait_for(1));
+}
+
+TEST_F(SocketDirect, ItsThreadHasTheKernelsAttributes) {
+  OwnedSocket bare = direct_socket();
+  std::atomic<const pthread_attr_t*> given{nullptr};
+  calls().pthread_create.replace([&given](auto real, pthread_t* thread, const pthread_attr_t* attributes,
+                                          void* (*start)(void*), void* argument) {
+    given = attributes;
+    return real(thread, attributes, start, argument);
+  });
+  RecordingLayer layer;
+  OwnedSocket socket = datagram_socket(&layer, false);
+  EXPECT_EQ(given, &std_thread_attr);
+}
+
+TEST_F(SocketDirect, ADatagramSocketConnectsToNobodyByItself) {
+  RecordingLayer layer;
+  PeerUdp peer;
+  std::atomic<int> connects{0};
+  calls().connect.replace([&connects](auto real, int fd, const sockaddr* to, socklen_t length) {
+    ++connects;
+    return real(fd, to, length);
+  });
+  OwnedSocket socket = datagram_socket(&layer, false);
+  ASSERT_TRUE(peer.send_to(socket->LocalPort(), "hello"));
+  ASSERT_TRUE(layer.wait_for(1));
+  EXPECT_EQ(connects, 0);
+  EXPECT_EQ(look_at(socket->state), SSInitial);
 }
 
 TEST_F(SocketDirect, ASocketThatWaitsForItsThreadCanBeClosedAndFreed) {

@@ -111,13 +111,7 @@ TEST_P(SocketFreedInside, TheDisconnectIndicationOfAFailedRead) {
   PeerStream peer;
   OwnedSocket socket = adopted_stream(&layer, &peer, indirect());
   free_inside(&socket, &layer, Indication::kDisconnect);
-  const int s = socket->s;
-  calls().recvfrom.replace([s](auto real, int fd, void* bytes, size_t count, int flags, sockaddr* from,
-                               socklen_t* length) -> ssize_t {
-    if (fd != s) return real(fd, bytes, count, flags, from, length);
-    errno = ECONNRESET;
-    return -1;
-  });
+  const FailingReads failing(socket->s, ECONNRESET);
   ASSERT_TRUE(peer.send_all("x"));
   socket->ConnectAck();
   ASSERT_TRUE(layer.wait_for(1));
@@ -130,12 +124,7 @@ TEST_P(SocketFreedInside, TheDisconnectIndicationOfAFailedSend) {
   OwnedSocket socket = established_stream(&layer, &peer, indirect());
   AsyncSocket* const raw = socket.get();
   free_inside(&socket, &layer, Indication::kDisconnect);
-  const int s = raw->s;
-  calls().send.replace([s](auto real, int fd, const void* bytes, size_t count, int flags) -> ssize_t {
-    if (fd != s) return real(fd, bytes, count, flags);
-    errno = EPIPE;
-    return -1;
-  });
+  const FailingSends failing(raw->s, EPIPE);
   EXPECT_EQ(raw->DataIndication(buffer_of("lost")), Blocked) << "on a direct socket it is gone by now";
   ASSERT_TRUE(layer.wait_for(1));
   EXPECT_THAT(layer.story(), ElementsAre("disconnect(4,32)"));
@@ -147,12 +136,7 @@ TEST_P(SocketFreedInside, AFailedSendWithinAnIndication) {
   PeerStream peer;
   OwnedSocket socket = adopted_stream(&layer, &peer, indirect());
   AsyncSocket* const raw = socket.get();
-  const int s = raw->s;
-  calls().send.replace([s](auto real, int fd, const void* bytes, size_t count, int flags) -> ssize_t {
-    if (fd != s) return real(fd, bytes, count, flags);
-    errno = EPIPE;
-    return -1;
-  });
+  const FailingSends failing(raw->s, EPIPE);
   layer.set_hook([&](const Indication& indication) {
     if (indication.kind == Indication::kDisconnect) {
       socket.reset();

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "support/buffer_drought.h"
 #include "support/socket_pairs.h"
 
 using namespace oskernel_test;
@@ -202,6 +203,7 @@ TEST_F(SocketStream, MoreThanALengthCanSayIsReadInPieces) {
   EXPECT_TRUE(layer.data() == sent);
   const std::vector<std::size_t> read = lengths(layer);
   EXPECT_GT(read.front(), 32767U) << "a read is as large as a length can say, not much smaller";
+  for (const Indication& indication : layer.all()) EXPECT_GE(indication.headroom, 50);
 }
 
 TEST_F(SocketStream, LargeBuffersCanBeForbiddenAgain) {
@@ -488,29 +490,39 @@ TEST_F(SocketFewCallbacks, ALayerThatKeepsEveryLargeBufferStillGetsTheRest) {
 
 // ---- A pool of buffers that is empty ----
 
-/// Takes every buffer that has storage. The console's Fatal returns, so that the program goes on without one.
-std::vector<OSBuf*> take_all_buffers(const KernelCfg& cfg) {
-  std::vector<OSBuf*> taken;
-  for (int buf_class = 1; buf_class < 4; ++buf_class) {
-    while (OSBuf::PoolSize(buf_class) > 0) taken.push_back(OSBuf::Alloc(cfg.buf_size[buf_class] - 1));
-  }
-  return taken;
-}
-
 TEST_F(SocketStream, WithoutABufferTheDataStaysInTheSocket) {
   RecordingLayer layer;
   PeerStream peer;
   OwnedSocket socket = established_stream(&layer, &peer);
-  const std::vector<OSBuf*> taken = take_all_buffers(cfg);
+  BufferDrought drought(cfg);
   const std::string sent = numbered_bytes(4000);
   ASSERT_TRUE(peer.send_all(sent));
   ASSERT_TRUE(wait_until([this] { return !console.fatals().empty(); }, kPatienceMs));
   EXPECT_EQ(console.fatals().front().rfind("OSBuffer::Alloc Out Of Buffers", 0), 0U);
   EXPECT_EQ(layer.count(), 0U);
-  for (OSBuf* buf : taken) buf->Free();
+  drought.end();
   ASSERT_TRUE(layer.wait_for_bytes(sent.size()));
   EXPECT_TRUE(layer.data() == sent);
   EXPECT_EQ(layer.count(Indication::kDisconnect), 0U);
+  socket.reset();
+  console.clear();
+}
+
+TEST_F(SocketStream, WithoutABufferARefusalIsNotLost) {
+  RefusingPort port;
+  RecordingLayer layer;
+  OwnedSocket socket = indirect_socket();
+  socket->Bind(&layer);
+  ASSERT_EQ(socket->Create(SOCK_STREAM, 0, 0, false), 0);
+  BufferDrought drought(cfg);
+  ASSERT_EQ(socket->Connect(kLoopback, port.port()), 0);
+  ASSERT_TRUE(wait_until([this] { return !console.fatals().empty(); }, kPatienceMs));
+  EXPECT_EQ(layer.count(), 0U);
+  drought.end();
+  ASSERT_TRUE(layer.wait_for_disconnect());
+  MonitorBeat monitor;
+  ASSERT_TRUE(monitor.passes());
+  EXPECT_THAT(layer.story(), ElementsAre("disconnect(4,111)"));
   socket.reset();
   console.clear();
 }
@@ -519,10 +531,10 @@ TEST_F(SocketStream, WithoutABufferTheEndIsNotLost) {
   RecordingLayer layer;
   PeerStream peer;
   OwnedSocket socket = established_stream(&layer, &peer);
-  const std::vector<OSBuf*> taken = take_all_buffers(cfg);
+  BufferDrought drought(cfg);
   peer.close();
   ASSERT_TRUE(wait_until([this] { return !console.fatals().empty(); }, kPatienceMs));
-  for (OSBuf* buf : taken) buf->Free();
+  drought.end();
   ASSERT_TRUE(layer.wait_for_disconnect());
   EXPECT_THAT(layer.story(), ElementsAre("disconnect(5,0)"));
   socket.reset();

@@ -4,13 +4,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "support/interposed_calls.h"
+#include "support/section_wait.h"
 #include "support/socket_pairs.h"
+#include "support/watched_thread.h"
 
 using namespace oskernel_test;
+using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
@@ -22,6 +26,11 @@ class SocketSendDatagram : public NetworkTest, public testing::WithParamInterfac
     NetworkTest::TearDown();
   }
   OwnedSocket make(RecordingLayer* layer) { return datagram_socket(layer, GetParam()); }
+  /// How often exactly this line has been printed.
+  long said(const std::string& text) const {
+    const std::vector<std::string> lines = console.calls();
+    return std::count(lines.begin(), lines.end(), text);
+  }
   /// Connected to the peer, without reception.
   OwnedSocket connected(RecordingLayer* layer, PeerUdp* peer) {
     OwnedSocket socket = make(layer);
@@ -149,6 +158,7 @@ TEST_P(SocketSendDatagram, TheSecondDescriptorSendsEveryDatagramOnceMore) {
   EXPECT_EQ(from, socket->LocalPort());
   ASSERT_TRUE(peer.receive(&text, &from));
   EXPECT_EQ(from, second_port);
+  EXPECT_THAT(console.calls(), IsEmpty());
 }
 
 TEST_P(SocketSendDatagram, TheSecondOneGoesToTheSocketsPeerWhereverTheFirstGoes) {
@@ -177,9 +187,8 @@ TEST_P(SocketSendDatagram, AFailureOfDataIsPrintedAndDisconnectsNothing) {
   OwnedSocket socket = connected(&layer_, &peer);
   answer_sends(socket->s, [](size_t) { return -ENOBUFS; });
   EXPECT_EQ(socket->DataIndication(buffer_of("lost")), NoConnection);
-  EXPECT_EQ(console.count(
-                line("%d AsyncSocket::DataIndication: sendto() errno=%d to 127.0.0.1:%u from 127.0.0.1:%u",
-                     socket->s, ENOBUFS, peer.port(), socket->LocalPort())),
+  EXPECT_EQ(said(line("%d AsyncSocket::DataIndication: sendto() errno=%d to 127.0.0.1:%u from 127.0.0.1:%u",
+                      socket->s, ENOBUFS, peer.port(), socket->LocalPort())),
             1);
   EXPECT_EQ(look_at(socket->state), SSConnected);
   calls().restore_all();
@@ -211,7 +220,7 @@ TEST_P(SocketSendDatagram, AShortSendIsPrintedAndCountsAsSent) {
   OwnedSocket socket = connected(&layer_, &peer);
   answer_sends(socket->s, [](size_t) { return 2L; });
   EXPECT_EQ(socket->DataIndication(buffer_of("hello")), Success);
-  EXPECT_EQ(console.count(line("%d AsyncSocket::DataIndication: sent 2 bytes of 5", socket->s)), 1);
+  EXPECT_EQ(said(line("%d AsyncSocket::DataIndication: sent 2 bytes of 5", socket->s)), 1);
 }
 
 TEST_P(SocketSendDatagram, FailuresOfTheSecondDescriptorHaveTheirOwnTexts) {
@@ -221,13 +230,13 @@ TEST_P(SocketSendDatagram, FailuresOfTheSecondDescriptorHaveTheirOwnTexts) {
   answer_sends(socket->rtps, [](size_t) { return -ENOBUFS; });
   EXPECT_EQ(socket->DataIndication(buffer_of("hello")), NoConnection);
   EXPECT_EQ(peer.receive_text(), "hello") << "the first one has gone";
-  EXPECT_EQ(console.count(
-                line("AsyncSocket::DataIndication: rtps sendto() errno=%d to 127.0.0.1:%u from 127.0.0.1:%u",
-                     ENOBUFS, peer.port(), socket->LocalPort())),
-            1);
+  EXPECT_EQ(
+      said(line("%d AsyncSocket::DataIndication: rtps sendto() errno=%d to 127.0.0.1:%u from 127.0.0.1:%u",
+                socket->s, ENOBUFS, peer.port(), socket->LocalPort())),
+      1);
   answer_sends(socket->rtps, [](size_t) { return 2L; });
   EXPECT_EQ(socket->DataIndication(buffer_of("hello")), Success);
-  EXPECT_EQ(console.count("AsyncSocket::DataIndication: rtps sent 2 bytes of 5"), 1);
+  EXPECT_EQ(said(line("%d AsyncSocket::DataIndication: rtps sent 2 bytes of 5", socket->s)), 1);
   EXPECT_EQ(look_at(socket->state), SSConnected);
 }
 
@@ -264,8 +273,8 @@ TEST_P(SocketSendDatagram, AFailureOfADatagramIsPrintedWithItsDetails) {
   const std::string detail =
       line("    sendto(socket=%d, buffer=%p, length=5, flags=0, dest_addr=%p (127.0.0.1:%u), dest_len=16", s,
            data, given, peer.port());
-  EXPECT_EQ(console.count(text), 1) << console.text();
-  EXPECT_EQ(console.count(detail), 1) << console.text();
+  EXPECT_EQ(said(text), 1) << console.text();
+  EXPECT_EQ(said(detail), 1) << console.text();
   EXPECT_LT(console.text().find(text), console.text().find(detail));
   EXPECT_EQ(look_at(socket->state), SSInitial);
   EXPECT_EQ(PoolState::now().buffers_out, 0);
@@ -278,14 +287,105 @@ TEST_P(SocketSendDatagram, OnTheSecondDescriptorTheTextHasNoComma) {
   const int second = socket->rtps;
   answer_sends(second, [](size_t) { return -ENOBUFS; });
   EXPECT_EQ(socket->DatagramIndication(buffer_of("hello"), nullptr, nullptr), NoConnection);
-  EXPECT_EQ(console.count(
-                line("AsyncSocket::DatagramIndication: sendto() errno=%d to 127.0.0.1:%u from 127.0.0.1:%u",
-                     ENOBUFS, peer.port(), socket->LocalPort())),
-            1)
+  EXPECT_EQ(
+      said(line("%d AsyncSocket::DatagramIndication: sendto() errno=%d to 127.0.0.1:%u from 127.0.0.1:%u",
+                socket->s, ENOBUFS, peer.port(), socket->LocalPort())),
+      1)
       << console.text();
   EXPECT_EQ(console.count(line("    sendto(socket=%d, buffer=", second)), 1);
   EXPECT_EQ(console.count(line("(127.0.0.1:%u), dest_len=16", peer.port())), 1);
   EXPECT_EQ(peer.receive_text(), "hello");
+}
+
+TEST_P(SocketSendDatagram, AFailureOfTheSecondDescriptorNamesTheSocketsPeer) {
+  PeerUdp peer, other;
+  OwnedSocket socket = make(&layer_);
+  socket->rem_sin.Set(kLoopback, peer.port());
+  socket->rtps = bound_socket(SOCK_DGRAM).release();
+  answer_sends(socket->rtps, [](size_t) { return -ENOBUFS; });
+  SockAddr elsewhere = address_of(other);
+  EXPECT_EQ(socket->DatagramIndication(buffer_of("hello"), nullptr, static_cast<sockaddr*>(elsewhere)),
+            NoConnection);
+  EXPECT_EQ(console.count(line("sendto() errno=%d to 127.0.0.1:%u from", ENOBUFS, peer.port())), 1);
+  EXPECT_EQ(console.count(line("(127.0.0.1:%u), dest_len=16", peer.port())), 1) << console.text();
+  EXPECT_EQ(other.receive_text(), "hello");
+}
+
+TEST_P(SocketSendDatagram, ASystemWithoutRoomIsWaitedForByADirectSocketAlone) {
+  PeerUdp peer;
+  OwnedSocket socket = connected(&layer_, &peer);
+  const int s = socket->s;
+  std::vector<std::string> asked;
+  const auto answer_with = [&](int error) {
+    calls().sendto.replace([&asked, s, error](auto real, int fd, const void* bytes, size_t count, int flags,
+                                              const sockaddr* to, socklen_t length) -> ssize_t {
+      if (fd != s) return real(fd, bytes, count, flags, to, length);
+      const bool may_wait = (fcntl(fd, F_GETFL) & O_NONBLOCK) == 0 && (flags & MSG_DONTWAIT) == 0;
+      asked.emplace_back(may_wait ? "waits" : "tries");
+      if (may_wait) return real(fd, bytes, count, flags, to, length);
+      errno = error;
+      return -1;
+    });
+  };
+  const bool indirect = GetParam();
+  answer_with(EAGAIN);
+  EXPECT_EQ(socket->DataIndication(buffer_of("one")), indirect ? NoConnection : Success);
+  EXPECT_EQ(socket->DatagramIndication(buffer_of("two"), nullptr, nullptr),
+            indirect ? NoConnection : Success);
+  EXPECT_THAT(asked,
+              ElementsAre("tries", indirect ? "tries" : "waits", "tries", indirect ? "tries" : "waits"));
+  EXPECT_EQ(console.count(line("sendto() errno=%d", EAGAIN)), indirect ? 2 : 0);
+  EXPECT_EQ(look_at(socket->state), SSConnected);
+  EXPECT_EQ(peer.receive_text(indirect ? 0 : kPeerPatienceMs), indirect ? "(none)" : "one");
+  EXPECT_EQ(peer.receive_text(indirect ? 0 : kPeerPatienceMs), indirect ? "(none)" : "two");
+
+  asked.clear();
+  answer_with(ENOBUFS);
+  EXPECT_EQ(socket->DataIndication(buffer_of("lost")), NoConnection);
+  EXPECT_THAT(asked, ElementsAre("tries")) << "other failures are final";
+}
+
+TEST_P(SocketSendDatagram, NothingClosesTheDescriptorThatASenderIsWritingTo) {
+  // Its number could be another socket's before the datagram is on its way.
+  for (const bool data : {true, false}) {
+    for (const bool second : {false, true}) {
+      SCOPED_TRACE(line("data %d, second descriptor %d", data, second));
+      PeerUdp peer;
+      OwnedSocket socket = connected(&layer_, &peer);
+      socket->rtps = bound_socket(SOCK_DGRAM).release();
+      Gate inside, door;
+      const int fd = second ? socket->rtps : socket->s;
+      std::atomic<bool> still_open{false};
+      answer_sends(fd, [&](size_t count) {
+        inside.open();
+        door.wait();
+        still_open = fcntl(fd, F_GETFD) != -1;
+        return static_cast<long>(count);
+      });
+      WatchedThread sender([&] {
+        OSBuf* buf = buffer_of("hello");
+        data ? socket->DataIndication(buf) : socket->DatagramIndication(buf, nullptr, nullptr);
+      });
+      ASSERT_TRUE(inside.wait());
+      WatchedThread closing([&] { socket->Close(); });
+      EXPECT_TRUE(closing.blocked());
+      door.open();
+      EXPECT_TRUE(closing.finished_within(kPatienceMs));
+      EXPECT_TRUE(sender.finished_within(kPatienceMs));
+      EXPECT_TRUE(still_open);
+    }
+  }
+}
+
+TEST_P(SocketSendDatagram, ThePeerIsReadInsideTheSocketsSection) {
+  // A name's address is stored by the thread that has found it.
+  PeerUdp peer;
+  OwnedSocket socket = connected(&layer_, &peer);
+  ExpectOthersWait(socket->local_cs,
+                   {{"data", [&] { EXPECT_EQ(socket->DataIndication(buffer_of("one")), Success); }},
+                    {"datagram", [&] {
+                       EXPECT_EQ(socket->DatagramIndication(buffer_of("two"), nullptr, nullptr), Success);
+                     }}});
 }
 
 TEST_P(SocketSendDatagram, AfterCloseNothingIsSent) {
@@ -303,14 +403,14 @@ TEST_P(SocketSendDatagram, SaysWhatItSends) {
   OwnedSocket socket = connected(&layer_, &peer);
   EXPECT_EQ(socket->DataIndication(buffer_of("hello")), Success);
   EXPECT_EQ(socket->DatagramIndication(buffer_of("hello"), nullptr, nullptr), Success);
-  EXPECT_EQ(
-      console.count(line("%d AsyncSocket::DataIndication - Sending 5 bytes to 127.0.0.1:%u from 127.0.0.1:%u",
-                         socket->s, peer.port(), socket->LocalPort())),
-      1);
-  EXPECT_EQ(console.count(
-                line("%d AsyncSocket::DatagramIndication - Sending 5 bytes to 127.0.0.1:%u from 127.0.0.1:%u",
-                     socket->s, peer.port(), socket->LocalPort())),
+  EXPECT_EQ(said(line("%d AsyncSocket::DataIndication - Sending 5 bytes to 127.0.0.1:%u from 127.0.0.1:%u",
+                      socket->s, peer.port(), socket->LocalPort())),
             1);
+  EXPECT_EQ(
+      said(line("%d AsyncSocket::DatagramIndication - Sending 5 bytes to 127.0.0.1:%u from 127.0.0.1:%u",
+                socket->s, peer.port(), socket->LocalPort())),
+      1);
+  EXPECT_EQ(console.count("68 65 6c 6c 6f"), 2) << "the bytes follow";
   put_into(AsyncSocket::trace, 1);
   EXPECT_EQ(socket->DataIndication(buffer_of("hello")), Success);
   EXPECT_EQ(socket->DatagramIndication(buffer_of("hello"), nullptr, nullptr), Success);

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "support/interposed_calls.h"
+#include "support/link_drought.h"
+#include "support/section_wait.h"
 #include "support/socket_pairs.h"
 #include "support/watched_thread.h"
 
@@ -28,6 +30,11 @@ class SocketSend : public NetworkTest, public testing::WithParamInterface<bool> 
   bool indirect() const { return GetParam(); }
   OwnedSocket established(RecordingLayer* layer, PeerStream* peer) {
     return established_stream(layer, peer, indirect());
+  }
+  /// How often exactly this line has been printed.
+  long said(const std::string& text) const {
+    const std::vector<std::string> lines = console.calls();
+    return std::count(lines.begin(), lines.end(), text);
   }
   /// Connected, and nobody receives: what the peer does is not noticed before the next send.
   OwnedSocket deaf(RecordingLayer* layer, PeerStream* peer) {
@@ -191,9 +198,8 @@ TEST_P(SocketSend, AnErrorDisconnectsWithItsCode) {
     ASSERT_TRUE(layer.wait_for(1));
     EXPECT_THAT(layer.story(), ElementsAre("disconnect(4," + std::to_string(error) + ")"));
     EXPECT_EQ(look_at(socket->state), SSDisconnected);
-    EXPECT_EQ(console.count(
-                  line("%d AsyncSocket::DataIndication: send() errno=%d to 127.0.0.1:%u from 127.0.0.1:%u", s,
-                       error, peer.local_port(), socket->LocalPort())),
+    EXPECT_EQ(said(line("%d AsyncSocket::DataIndication: send() errno=%d to 127.0.0.1:%u from 127.0.0.1:%u",
+                        s, error, peer.local_port(), socket->LocalPort())),
               1);
     EXPECT_EQ(socket->DataIndication(buffer_of("too late")), NoConnection);
     EXPECT_EQ(layer.count(), 1U);
@@ -294,7 +300,7 @@ TEST_P(SocketSend, AFailedWaitDisconnectsWithItsCode) {
   EXPECT_EQ(socket->DataIndication(buffer_of("lost")), Blocked);
   ASSERT_TRUE(layer.wait_for(1));
   EXPECT_THAT(layer.story(), ElementsAre("disconnect(4,12)"));
-  EXPECT_EQ(console.count(line("%d AsyncSocket::DataIndication: select() error 12", s)), 1);
+  EXPECT_EQ(said(line("%d AsyncSocket::DataIndication: select() error 12", s)), 1);
 }
 
 TEST_P(SocketSend, AnUrgentByteThatWaitsIsAnErrorForOneThatWaitsToSend) {
@@ -308,7 +314,7 @@ TEST_P(SocketSend, AnUrgentByteThatWaitsIsAnErrorForOneThatWaitsToSend) {
   EXPECT_EQ(socket->DataIndication(buffer_of("lost")), Blocked);
   ASSERT_TRUE(layer.wait_for(1));
   EXPECT_THAT(layer.story(), ElementsAre("disconnect(4,0)"));
-  EXPECT_EQ(console.count(line("%d AsyncSocket::DataIndication: select() error on socket", s)), 1);
+  EXPECT_EQ(said(line("%d AsyncSocket::DataIndication: select() error on socket", s)), 1);
 }
 
 TEST_P(SocketSend, ASocketThatIsClosedMeanwhileLetsItsSenderGo) {
@@ -326,16 +332,173 @@ TEST_P(SocketSend, ASocketThatIsClosedMeanwhileLetsItsSenderGo) {
   EXPECT_NE(answer, Success);
 }
 
+TEST_P(SocketSend, ASenderThatFindsTheSocketClosedAfterItsWaitSaysSo) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = deaf(&layer, &peer);
+  const int s = socket->s;
+  answer_sends(s, [](int, size_t) -> long { return -EAGAIN; });
+  answer_waits(s, [&] {
+    WatchedThread closing([&] { socket->Close(); });
+    EXPECT_TRUE(closing.finished_within(kPatienceMs));
+    return 0;
+  });
+  EXPECT_EQ(socket->DataIndication(buffer_of("lost")), Blocked);
+  EXPECT_EQ(said(line("%d AsyncSocket::DataIndication: socket closed while waiting to send", s)), 1);
+  ASSERT_TRUE(layer.wait_for(1));
+  EXPECT_THAT(layer.story(), ElementsAre("disconnect(4,0)"));
+}
+
+TEST_P(SocketSend, ASenderThatFindsAnotherConnectionAfterItsWaitLeavesItAlone) {
+  RecordingLayer layer;
+  PeerStream peer, next_peer;
+  OwnedSocket socket = deaf(&layer, &peer);
+  const int s = socket->s;
+  answer_sends(s, [](int, size_t) -> long { return -EAGAIN; });
+  std::atomic<bool> reused{false};
+  answer_waits(s, [&] {
+    if (reused.exchange(true)) return 0;
+    WatchedThread reusing([&] {
+      socket->Close();
+      adopt_stream(socket.get(), &layer, &next_peer);
+      socket->ConnectAck();
+      answer_sends(-1, nullptr);
+    });
+    EXPECT_TRUE(reusing.finished_within(kPatienceMs));
+    return 0;
+  });
+  EXPECT_EQ(socket->DataIndication(buffer_of("for the old one")), Blocked);
+  EXPECT_EQ(socket->DataIndication(buffer_of("for the new one")), Success);
+  EXPECT_EQ(next_peer.receive(15), "for the new one");
+  EXPECT_THAT(layer.story(), IsEmpty());
+}
+
+TEST_P(SocketSend, NothingClosesTheDescriptorThatASenderIsWritingTo) {
+  // Its number could be another socket's before the bytes are on their way.
+  const struct {
+    const char* name;
+    std::function<void(AsyncSocket&)> operation;
+  } rows[] = {
+      {"Close", [](AsyncSocket& socket) { socket.Close(); }},
+      {"Shutdown", [](AsyncSocket& socket) { socket.Shutdown(); }},
+      {"DisconnectIndication", [](AsyncSocket& socket) { socket.DisconnectIndication(Normal, 0); }},
+      {"Connect", [](AsyncSocket& socket) { socket.Connect("", 1); }},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    RecordingLayer layer;
+    PeerStream peer;
+    OwnedSocket socket = deaf(&layer, &peer);
+    Gate inside, door;
+    answer_sends(socket->s, [&](int, size_t count) {
+      inside.open();
+      door.wait();
+      return static_cast<long>(count);
+    });
+    WatchedThread sender([&] { EXPECT_EQ(socket->DataIndication(buffer_of("hello")), Success); });
+    ASSERT_TRUE(inside.wait());
+    WatchedThread other([&] { row.operation(*socket); });
+    EXPECT_TRUE(other.blocked());
+    door.open();
+    EXPECT_TRUE(other.finished_within(kPatienceMs));
+    EXPECT_EQ(peer.receive(5), "hello");
+  }
+}
+
+TEST_P(SocketSend, ASenderThatHadToWaitForTheSectionLooksAtTheStateAgain) {
+  const struct {
+    SocketState state;
+    OSIORetCode answer;
+    const char* sent;
+    std::vector<std::string> queued;
+  } rows[] = {
+      {SSInitial, Success, "", {"hello"}},
+      {SSConnecting, Success, "", {"hello"}},
+      {SSConnected, Success, "hello", {}},
+      {SSDisconnected, NoConnection, "", {}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.state);
+    RecordingLayer layer;
+    PeerStream peer;
+    OwnedSocket socket = adopted_stream(&layer, &peer, indirect());
+    std::atomic<OSIORetCode> answer{Blocked};
+    EnterCriticalSection(&socket->local_cs);
+    WatchedThread sender([&] { answer = socket->DataIndication(buffer_of("hello")); });
+    EXPECT_TRUE(sender.blocked());
+    put_into(socket->state, static_cast<int>(row.state));
+    LeaveCriticalSection(&socket->local_cs);
+    ASSERT_TRUE(sender.finished_within(kPatienceMs));
+    EXPECT_EQ(answer, row.answer);
+    EXPECT_EQ(early_data(socket.get()), row.queued);
+    EXPECT_EQ(peer.receive_now(), row.sent);
+    EXPECT_EQ(PoolState::now().buffers_out, static_cast<int>(row.queued.size()));
+    EXPECT_EQ(layer.count(), 0U);
+  }
+}
+
+TEST_P(SocketSend, BeforeThereIsADescriptorDataWaitsToo) {
+  OwnedSocket socket(new AsyncSocket(indirect()));
+  put_into(AsyncSocket::trace, 1);
+  console.clear();
+  EXPECT_EQ(socket->DataIndication(buffer_of("early")), Success);
+  EXPECT_THAT(early_data(socket.get()), ElementsAre("early"));
+  EXPECT_EQ(console.count("DataIndication"), 0) << "that it waits is said at level 2";
+  put_into(AsyncSocket::trace, 2);
+  EXPECT_EQ(socket->DataIndication(buffer_of(",more")), Success);
+  EXPECT_EQ(said("AsyncSocket::DataIndication - Queuing buffer"), 1);
+  EXPECT_THAT(early_data(socket.get()), ElementsAre("early,more"));
+}
+
+TEST_P(SocketSend, WhatCannotBeQueuedIsRefused) {
+  OwnedSocket socket(new AsyncSocket(indirect()));
+  OSBuf* const buf = buffer_of("early");
+  {
+    const LinkDrought drought;
+    EXPECT_EQ(socket->DataIndication(buf), NoConnection);
+  }
+  expected_fatals = {kOutOfLinks};
+  EXPECT_THAT(early_data(socket.get()), IsEmpty());
+  EXPECT_EQ(PoolState::now().buffers_out, 0);
+}
+
+TEST_P(SocketSend, AConnectedStreamNeedsNoSectionToSend) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = deaf(&layer, &peer);
+  EnterCriticalSection(&AsyncSocket::cs);
+  EnterCriticalSection(&socket->local_cs);
+  {
+    WatchedThread sender([&] { EXPECT_EQ(socket->DataIndication(buffer_of("hello")), Success); });
+    EXPECT_TRUE(sender.finished_within(kPatienceMs));
+  }
+  LeaveCriticalSection(&socket->local_cs);
+  LeaveCriticalSection(&AsyncSocket::cs);
+  EXPECT_EQ(peer.receive(5), "hello");
+}
+
+TEST_P(SocketSend, AcknowledgingWaitsForASenderThatIsAboutToQueue) {
+  // Otherwise what it queues behind the look for it would stay, and hold up everything that is sent after it.
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = adopted_stream(&layer, &peer, indirect());
+  ExpectOthersWait(socket->local_cs, {{"ConnectAck", [&] {
+                                         EXPECT_EQ(look_at(socket->state), SSInitial);
+                                         EXPECT_EQ(socket->ConnectAck(), 0);
+                                       }}});
+  EXPECT_EQ(look_at(socket->state), SSConnected);
+}
+
 TEST_P(SocketSend, SaysWhatItSends) {
   put_into(AsyncSocket::trace, 2);
   RecordingLayer layer;
   PeerStream peer;
   OwnedSocket socket = established(&layer, &peer);
   EXPECT_EQ(socket->DataIndication(buffer_of("hello")), Success);
-  EXPECT_EQ(
-      console.count(line("%d AsyncSocket::DataIndication - Sending 5 bytes to 127.0.0.1:%u from 127.0.0.1:%u",
-                         socket->s, peer.local_port(), socket->LocalPort())),
-      1);
+  EXPECT_EQ(console.count("68 65 6c 6c 6f"), 1) << "the bytes follow";
+  EXPECT_EQ(said(line("%d AsyncSocket::DataIndication - Sending 5 bytes to 127.0.0.1:%u from 127.0.0.1:%u",
+                      socket->s, peer.local_port(), socket->LocalPort())),
+            1);
   put_into(AsyncSocket::trace, 1);
   EXPECT_EQ(socket->DataIndication(buffer_of("hello")), Success);
   EXPECT_EQ(console.count("Sending 5 bytes"), 1) << "only at level 2";
@@ -379,16 +542,119 @@ TEST_P(SocketSend, BothWaysAtOnce) {
   EXPECT_TRUE(layer.data() == back);
 }
 
-TEST_P(SocketSend, TheOtherIndicationsOfTheLayerAboveAreAnswered) {
+/// Sends what it is told to when a buffer of its is freed: on the thread that has sent it.
+struct SentNext {
+  AsyncSocket* socket = nullptr;
+  std::string text;
+  std::atomic<OSIORetCode> answer{NoConnection};
+  std::atomic<bool> done{false};
+
+  static void freed(OSObj* obj, ADDR, ULONG) {
+    auto* self = reinterpret_cast<SentNext*>(obj);
+    self->answer = self->socket->DataIndication(buffer_of(self->text));
+    self->done = true;
+  }
+};
+
+using SocketSendIndirect = SocketSend;
+
+TEST_P(SocketSendIndirect, TheMonitorThreadNeitherWaitsForRoomNorForItsOwnTurn) {
+  for (const bool more_queued : {false, true}) {
+    SCOPED_TRACE(more_queued ? "behind what is queued" : "without room");
+    PeerListener listener;
+    RecordingLayer layer;
+    OwnedSocket socket = indirect_socket();
+    MonitorBeat beat;
+    socket->Bind(&layer);
+    ASSERT_EQ(socket->Create(SOCK_STREAM, 0, 0, false), 0);
+    SentNext next;
+    next.socket = socket.get();
+    next.text = "last";
+    std::atomic<bool> full{true};
+    answer_sends(socket->s, [&full](int n, size_t count) -> long {
+      return n == 1 || !full ? static_cast<long>(count) : -EAGAIN;
+    });
+    const std::string piece = numbered_bytes(1400);  // two of them are not merged
+    OSBuf* const first = buffer_of(piece);
+    first->AddBufferCallback(
+        OSCallback::Alloc(nullptr, SentNext::freed, reinterpret_cast<OSObj*>(&next), nullptr, 0));
+    ASSERT_EQ(socket->DataIndication(first), Success);
+    if (more_queued) {
+      ASSERT_EQ(socket->DataIndication(buffer_of(piece)), Success);
+    }
+    ASSERT_EQ(socket->Connect(kLoopback, listener.port()), 0);
+    PeerStream peer = listener.accept();
+    ASSERT_TRUE(wait_until([&] { return next.done.load(); }, kPatienceMs));
+    EXPECT_EQ(next.answer, Success);
+    EXPECT_TRUE(beat.passes()) << "the others are served";
+    full = false;
+    const std::string expected = piece + (more_queued ? piece : "") + "last";
+    EXPECT_TRUE(peer.receive(expected.size()) == expected);
+  }
+}
+
+/// Sends back what it receives, on the monitor thread itself.
+class Answering : public AsyncSocket {
+ public:
+  Answering() : AsyncSocket(true) {}
+  void ProcessData(OSBuf* buf) override {
+    const bool data = buf->length != 0;
+    answer = DataIndication(buf);
+    if (data) ++answered;
+  }
+  std::atomic<OSIORetCode> answer{NoConnection};
+  std::atomic<int> answered{0};
+};
+
+TEST_P(SocketSendIndirect, WhatTheMonitorThreadCouldNotSendGoesOutWhenThereIsRoom) {
   RecordingLayer layer;
   PeerStream peer;
-  OwnedSocket socket = established(&layer, &peer);
-  EXPECT_EQ(socket->ConnectIndication(nullptr), Success);
-  EXPECT_EQ(socket->DisconnectIndication(Normal, 0), Success);
-  EXPECT_TRUE(peer.ended()) << "both ways are shut down";
-  ASSERT_TRUE(layer.wait_for_disconnect());
-  EXPECT_THAT(layer.story(), ElementsAre("disconnect(5,0)"));
+  MonitorBeat beat;
+  Owned<Answering> socket(new Answering);
+  adopt_stream(socket.get(), &layer, &peer);
+  std::atomic<bool> full{true};
+  answer_sends(socket->s,
+               [&full](int, size_t count) -> long { return full ? -EAGAIN : static_cast<long>(count); });
+  socket->ConnectAck();
+  ASSERT_TRUE(peer.send_all("hello"));
+  ASSERT_TRUE(wait_until([&] { return socket->answered == 1; }, kPatienceMs));
+  EXPECT_EQ(socket->answer, Success);
+  EXPECT_TRUE(beat.passes()) << "the others are served";
+  full = false;
+  EXPECT_EQ(peer.receive(5), "hello");
 }
+
+TEST_P(SocketSendIndirect, LaterDataWaitsBehindEveryBufferThatIsQueued) {
+  PeerListener listener;
+  RecordingLayer layer;
+  OwnedSocket socket = indirect_socket();
+  socket->Bind(&layer);
+  ASSERT_EQ(socket->Create(SOCK_STREAM, 0, 0, false), 0);
+  // The first buffer goes out, then there is room for nobody but the thread that comes late.
+  std::atomic<bool> full{true};
+  std::atomic<pid_t> late{0};
+  answer_sends(socket->s, [&](int n, size_t count) -> long {
+    return n == 1 || !full || gettid() == late ? static_cast<long>(count) : -EAGAIN;
+  });
+  const std::string piece = numbered_bytes(1400);  // two of them are not merged
+  ASSERT_EQ(socket->DataIndication(buffer_of(piece)), Success);
+  ASSERT_EQ(socket->DataIndication(buffer_of(piece)), Success);
+  ASSERT_EQ(socket->Connect(kLoopback, listener.port()), 0);
+  PeerStream peer = listener.accept();
+  EXPECT_TRUE(peer.receive(piece.size()) == piece);
+  ASSERT_TRUE(wait_until([&] { return early_data(socket.get()).size() == 1; }, kPatienceMs));
+  WatchedThread sender([&] {
+    late = gettid();
+    EXPECT_EQ(socket->DataIndication(buffer_of("late")), Success);
+  });
+  EXPECT_TRUE(sender.blocked());
+  EXPECT_EQ(peer.receive_now(), "");
+  full = false;
+  EXPECT_TRUE(peer.receive(piece.size() + 4) == piece + "late");
+  EXPECT_TRUE(sender.finished_within(kPatienceMs));
+}
+
+INSTANTIATE_TEST_SUITE_P(, SocketSendIndirect, testing::Values(true));
 
 INSTANTIATE_TEST_SUITE_P(, SocketSend, testing::Values(true, false),
                          [](const auto& kind) { return std::string(kind.param ? "Indirect" : "Direct"); });

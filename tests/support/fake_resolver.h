@@ -39,11 +39,13 @@ class FakeResolver {
   /// From now on `name`, in exactly this spelling, has these addresses, host order. None is a host entry that has no
   /// address. Names that it has not been told are not found.
   static void know(const std::string& name, std::vector<ULONG> addresses) {
-    set(name, {AF_INET, std::move(addresses)});
+    set(name, {AF_INET, std::move(addresses), true});
   }
   static void know(const std::string& name, ULONG address) { know(name, std::vector<ULONG>{address}); }
   /// A host that has an address of the other family alone.
-  static void know_as_ipv6(const std::string& name) { set(name, {AF_INET6, {0x20010DB8, 0, 0, 1}}); }
+  static void know_as_ipv6(const std::string& name) { set(name, {AF_INET6, {0x20010DB8, 0, 0, 1}, true}); }
+  /// A host entry without even a list of addresses.
+  static void know_without_list(const std::string& name) { set(name, {AF_INET, {}, false}); }
   static void forget(const std::string& name) {
     State& state = the();
     const std::lock_guard<std::mutex> lock(state.mutex);
@@ -121,6 +123,7 @@ class FakeResolver {
   struct Host {
     int family = AF_INET;
     std::vector<ULONG> words;
+    bool has_list = true;
   };
   struct Answer {
     hostent entry = {};
@@ -141,7 +144,7 @@ class FakeResolver {
       entry.h_aliases = no_aliases;
       entry.h_addrtype = host.family;
       entry.h_length = static_cast<int>(4 * step);
-      entry.h_addr_list = list.data();
+      entry.h_addr_list = host.has_list ? list.data() : nullptr;
     }
   };
   struct State {

@@ -126,6 +126,37 @@ inline InterposedCalls& calls() {
   return *kept;
 }
 
+/// Lets recvfrom of one descriptor fail a number of times, without reading; from then on it reads.
+class FailingReads {
+ public:
+  static constexpr int kAlways = 1 << 30;
+  FailingReads(int fd, int error, int times = kAlways) {
+    const auto left = std::make_shared<std::atomic<int>>(times);  // for calls that outlive this object, too
+    calls().recvfrom.replace([left, fd, error](auto real, int s, void* bytes, size_t count, int flags,
+                                               sockaddr* from, socklen_t* length) -> ssize_t {
+      if (s != fd || left->fetch_sub(1) <= 0) return real(s, bytes, count, flags, from, length);
+      errno = error;
+      return -1;
+    });
+  }
+  ~FailingReads() { calls().recvfrom.restore(); }
+};
+
+/// The same with send, and nothing sent.
+class FailingSends {
+ public:
+  FailingSends(int fd, int error, int times = FailingReads::kAlways) {
+    const auto left = std::make_shared<std::atomic<int>>(times);
+    calls().send.replace(
+        [left, fd, error](auto real, int s, const void* bytes, size_t count, int flags) -> ssize_t {
+          if (s != fd || left->fetch_sub(1) <= 0) return real(s, bytes, count, flags);
+          errno = error;
+          return -1;
+        });
+  }
+  ~FailingSends() { calls().send.restore(); }
+};
+
 /// accept(2) in both forms: answers `error` for the descriptor, or accepts when that is 0.
 inline void replace_accept(const std::function<int(int fd)>& error) {
   calls().accept.replace([error](auto real, int fd, sockaddr* from, socklen_t* length) {

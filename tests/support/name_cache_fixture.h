@@ -37,9 +37,25 @@ class CacheSection {
 class ProbeEntry : public DNSEntry {
  public:
   using DNSEntry::_TimerCallback;
+  using DNSEntry::Thread;
   ProbeEntry(const char* name, ULONG addr) : DNSEntry(name, addr) {}
   ~ProbeEntry() override = default;
 };
+
+/// A socket that stands always at the same address: there is only one at a time.
+class SlotSocket : public AsyncSocket {
+ public:
+  explicit SlotSocket(bool indirect = true) : AsyncSocket(indirect) {}
+  static void* operator new(std::size_t size) {
+    EXPECT_LE(size, sizeof slot_);
+    return slot_;
+  }
+  static void operator delete(void*) {}
+
+ private:
+  alignas(AsyncSocket) static inline unsigned char slot_[sizeof(AsyncSocket) + 64];
+};
+using OwnedSlot = Owned<SlotSocket>;
 
 /// Results are delivered when the test dispatches; resolver and cache start empty.
 class NameCache : public QuietNetworkTest {
@@ -57,6 +73,11 @@ class NameCache : public QuietNetworkTest {
     EXPECT_LE(FakeResolver::most_at_once(), 1) << "calls of the resolver must come one after the other";
     EXPECT_EQ(DNSEntry::entries.Size(), 0);
     EXPECT_EQ(DNSEntry::pending.Size(), 0);
+  }
+
+  /// Whether the calling thread is inside the section, which others use too.
+  static bool is_in(CRITICAL_SECTION& section) {
+    return std::atomic_ref<pthread_t>(section.owner_thread_id).load() == pthread_self();
   }
 
   /// The resolver thread looks at it at any time.
