@@ -3,8 +3,10 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <new>
 
 #include "kernel/kernel.h"
@@ -26,7 +28,7 @@ pthread_t DNSEntry::thread = 0;
 namespace {
 
 constexpr ULONG kLifetimeMs = 300000;
-constexpr int kPollMs = 10;
+constexpr int kTryAgainMs = 10;
 constexpr unsigned kForever = 0xFFFFFFFF;
 
 // How many callbacks of the cache are under way, which StopThread waits for.
@@ -43,16 +45,6 @@ struct Octets {
   explicit Octets(ULONG addr) : a(addr >> 24), b(addr >> 16 & 0xFF), c(addr >> 8 & 0xFF), d(addr & 0xFF) {}
   unsigned a, b, c, d;
 };
-
-// Takes an entry out of a list by its link, unless the program has changed the list itself.
-void take_out(OSIndirectList* list, OSLink** link, OSListObj* entry) {
-  if (*link != nullptr && (*link)->object == entry) {
-    list->RemoveLink(*link);
-  } else {
-    list->Remove(entry);
-  }
-  *link = nullptr;
-}
 
 DNSEntry* entry_of(void* object) { return static_cast<DNSEntry*>(static_cast<OSListObj*>(object)); }
 
@@ -99,8 +91,6 @@ DNSEntry::DNSEntry(const char* name, ULONG addr)
       timer(0, 1),
       usageCount(0),
       idleCount(0),
-      listed_(nullptr),
-      pending_link_(nullptr),
       holds_(0),
       dropped_(false),
       serial_(next_serial_locked()) {
@@ -136,8 +126,7 @@ DNSEntry* DNSEntry::find_locked(const char* name) {
 DNSEntry* DNSEntry::add_locked(const char* name) {
   auto* entry = new (std::nothrow) DNSEntry(name, 0);
   if (entry == nullptr) return nullptr;
-  if (entry->dnsname != nullptr) entry->listed_ = entries.AppendLink(entry);
-  if (entry->listed_ != nullptr) return entry;
+  if (entry->dnsname != nullptr && entries.AppendLink(entry) != nullptr) return entry;
   delete entry;
   return nullptr;
 }
@@ -152,7 +141,7 @@ bool DNSEntry::add_socket_locked(AsyncSocket* socket) {
   OSLink* link = sockets.AppendLink(socket);
   if (link == nullptr) return false;
   try {
-    waiting_.push_back({socket, socket->generation_});
+    waiting_.push_back({link, socket, socket->generation_});
   } catch (const std::bad_alloc&) {
     sockets.RemoveLink(link);
     return false;
@@ -160,41 +149,49 @@ bool DNSEntry::add_socket_locked(AsyncSocket* socket) {
   return true;
 }
 
-// The socket that has waited longest. Returns its generation; 0, which any socket at that address has, when the
-// program has put it into the list itself.
+// The socket that has waited longest, null when none waits. Returns its generation; 0, which any socket at that
+// address has, when the program has put it into the list itself.
 ULONG DNSEntry::take_socket_locked(AsyncSocket** socket) {
+  *socket = nullptr;
   OSLink* link = sockets.First();
+  if (link == nullptr) return 0;
   ULONG generation = 0;
-  if (waiting_.empty()) {
+  // The first one, unless the program has changed the list: what stands before is of sockets that it has taken out,
+  // whose links may be in use again.
+  const auto found = std::find_if(waiting_.begin(), waiting_.end(), [link](const Waiting& waiting) {
+    return waiting.link == link && static_cast<OSListObj*>(waiting.socket) == link->object;
+  });
+  if (found == waiting_.end()) {
     *socket = static_cast<AsyncSocket*>(static_cast<OSListObj*>(link->object));
   } else {
     // Not by way of the list's object, which cannot be looked at when the socket is gone.
-    *socket = waiting_.front().socket;
-    generation = waiting_.front().generation;
-    waiting_.erase(waiting_.begin());
+    *socket = found->socket;
+    generation = found->generation;
+    waiting_.erase(waiting_.begin(), std::next(found));
   }
   sockets.RemoveLink(link);
   return generation;
 }
 
+// Lists are walked to find an entry, as in find_locked, which comes before most of this: they may have been changed by
+// the program.
+bool DNSEntry::is_pending_locked() { return pending.PosInList(this) >= 0; }
+
 void DNSEntry::queue_locked() {
-  if (pending_link_ == nullptr) pending_link_ = pending.AppendLink(this);
+  pending.AppendLink(this);
   SetEvent(event);
 }
 
-void DNSEntry::leave_pending_locked() { take_out(&pending, &pending_link_, this); }
-
 // The entry is gone for everybody. Sockets that wait for it are not told, but none goes on pointing at it.
 void DNSEntry::drop_locked(DNSEntry* entry) {
-  take_out(&entries, &entry->listed_, entry);
-  entry->leave_pending_locked();
-  entry->result = false;
+  entries.Remove(entry);
+  pending.Remove(entry);
   {
     const ClassLock lock;  // keeps a socket that is alive from being deleted
     while (!entry->sockets.IsEmpty()) {
       AsyncSocket* socket = nullptr;
       const ULONG generation = entry->take_socket_locked(&socket);
-      if (SocketRegistry::is_alive(socket, generation) && socket->dnsentry == entry)
+      if (socket != nullptr && SocketRegistry::is_alive(socket, generation) && socket->dnsentry == entry)
         socket->dnsentry = nullptr;
     }
   }
@@ -222,7 +219,7 @@ ULONG DNSEntry::Lookup(const char* name, AsyncSocket* socket) {
                               static_cast<void*>(entry));
         }
       }
-      if (entry->pending_link_ == nullptr) {
+      if (!entry->is_pending_locked()) {
         if (seen(trace) != 0) diagnostics().Print("DNSEntry::Lookup - '%s' adding to pending list...", name);
         entry->queue_locked();
       }
@@ -258,9 +255,9 @@ void DNSEntry::resolve() {
   ULONG addr = 0;
   const bool found = resolve_host(dnsname, &addr);
 
+  // Of an entry that has been dropped meanwhile nobody sees what follows.
   const SectionLock lock(&cs);
-  if (dropped_) return;
-  leave_pending_locked();
+  pending.Remove(this);
   if (found) dnsaddr = addr;
   result = true;
   if (found && seen(trace) != 0) {
@@ -318,7 +315,7 @@ void DNSEntry::StartThread() {
     }
     diagnostics().Print("DNSEntry::StartThread failed %d", error);
     if (error != EAGAIN && error != EINTR) return;
-    Sleep(kPollMs);
+    Sleep(kTryAgainMs);
   }
 }
 
@@ -326,7 +323,6 @@ void DNSEntry::StopThread() {
   if (thread == 0) return;
   publish(stop, true);
   SetEvent(event);
-  while (!seen(stopped)) Sleep(kPollMs);
   pthread_join(thread, nullptr);
   thread = 0;
   while (callbacks_under_way.load(std::memory_order_seq_cst) != 0) Sleep(1);
@@ -348,15 +344,15 @@ void DNSEntry::deliver_locked() {
     for (int left = sockets.Size(); left > 0 && !dropped_; --left) {
       AsyncSocket* socket = nullptr;
       const ULONG generation = take_socket_locked(&socket);
+      if (socket == nullptr) break;
       if (SocketRegistry::is_alive(socket, generation)) socket->DNSResult(dnsname, dnsaddr);
       if (seen(trace) != 0) {
         diagnostics().Print("DNSEntry::Callback - clearing dnsentry %p from socket %p",
                             static_cast<void*>(this), static_cast<void*>(socket));
       }
-      if (SocketRegistry::is_alive(socket, generation) && socket->dnsentry == this)
-        socket->dnsentry = nullptr;
+      if (SocketRegistry::is_alive(socket, generation)) socket->dnsentry = nullptr;
     }
-    queued_again = pending_link_ != nullptr;
+    queued_again = is_pending_locked();
   }
   if (dropped_) return;
   if (dnsaddr != 0 || queued_again) {

@@ -7,7 +7,7 @@
 
 #include <pthread.h>
 
-#include <vector>
+#include <list>
 
 #include "link_indirect.h"
 #include "posixkernel.h"
@@ -29,7 +29,8 @@ class OSKERNEL_API DNSEntry : public OSListObj {
   /// Asks the cache. Names are matched ignoring case.
   ///   socket    shares; told the result through DNSResult when the address is not known yet. Null when nobody is to
   ///             be told.
-  ///   returns   the address in host order; 0 when it is not known yet, and then the name is being resolved
+  ///   returns   the address in host order; 0 when it is not known yet, and then the name is being resolved. When
+  ///             memory or links have run out it is 0, too, and nobody is told: the next Lookup tries again.
   ///   threads   any, inside no AsyncSocket::cs unless inside DNSEntry::cs before; never waits for the network. Works
   ///             before the first socket exists.
   static ULONG Lookup(const char* name, AsyncSocket* socket);
@@ -40,14 +41,22 @@ class OSKERNEL_API DNSEntry : public OSListObj {
   /// Deliberate: takes this entry, not the socket, off the list of waiting sockets, where it never is. The socket
   /// stays listed, and delivery skips it because it is found not alive. Pinned by
   /// dnsentry_socket_test.cpp, CancelTakesTheEntryOffItsOwnList.
+  ///   socket    not used
+  ///   threads   any, as Lookup
   void Cancel(AsyncSocket* socket);
   /// Delivers finished names: the callback of AsyncSocket::dnstrigger. DNSResult of each waiting socket that is
-  /// still alive runs here, inside cs and AsyncSocket::cs.
+  /// still alive runs here, inside cs and AsyncSocket::cs; it may free sockets, clear names and look others up.
+  ///   threads   the dispatcher of dnstrigger
   static void Callback(OSObj* unused_obj, ADDR unused_addr, ULONG unused_value);
 
-  static void StartThread();  ///< AsyncSocket::Init calls it
-  /// Ends the resolver thread and empties the cache. A gethostbyname in progress is waited for, without limit.
-  /// AsyncSocket::Cleanup calls it.
+  /// Starts the resolver thread, unless it runs. AsyncSocket::Init calls it. When the system has no thread to give, a
+  /// line says so; it tries again for as long as that can help (EAGAIN, EINTR). Without a thread names wait for the
+  /// next StartThread.
+  ///   threads   one at a time, not beside StopThread
+  static void StartThread();
+  /// Ends the resolver thread and empties the cache; sockets that wait are not told. AsyncSocket::Cleanup calls it.
+  /// Waits, without limit, for a gethostbyname in progress and for a delivery that another thread is in.
+  ///   threads   as StartThread; inside no section, and no callback of this class or indication from it
   static void StopThread();
 
   char* dnsname;           ///< as first looked up; owned
@@ -91,22 +100,22 @@ class OSKERNEL_API DNSEntry : public OSListObj {
   static void drop_locked(DNSEntry* entry);
   bool add_socket_locked(AsyncSocket* socket);
   ULONG take_socket_locked(AsyncSocket** socket);
+  bool is_pending_locked();
   void queue_locked();
-  void leave_pending_locked();
   void resolve();
   void deliver_locked();
 
   // All under cs.
-  /// The i-th of `sockets`, and what tells it from a later one at the same address. The socket may be gone.
+  /// One of `sockets`, by its link there, and what tells it from a later one at the same address. The socket may be
+  /// gone.
   struct Waiting {
+    OSLink* link;
     AsyncSocket* socket;
     ULONG generation;
   };
-  std::vector<Waiting> waiting_;
-  OSLink* listed_;        ///< this entry's link in `entries`
-  OSLink* pending_link_;  ///< its link in `pending`, null when it is not there
-  int holds_;             ///< how many work on it
-  bool dropped_;          ///< gone for everybody else; the last to work on it deletes it
+  std::list<Waiting> waiting_;  ///< in the order of `sockets`
+  int holds_;                   ///< how many work on it
+  bool dropped_;                ///< gone for everybody else; the last to work on it deletes it
   ULONG serial_;  ///< tells it from an earlier entry at its address, for a timer that is under way; never 0
 };
 

@@ -40,15 +40,15 @@ LineSocket::LineSocket(int max_line)
 }
 
 LineSocket::~LineSocket() {
-  socket->Free();
+  if (socket != nullptr) socket->Free();  // a derived class may have done it
   delete[] line;
 }
 
 // ---- Receiving ---------------------------------------------------------------------------------------------
 
-// Makes `line` larger, so that `needed` bytes fit. Doubling keeps the copying in proportion to the line.
+// Makes `line` larger, so that `needed` bytes, which the ceiling allows, fit. Doubling keeps the copying in proportion
+// to the line.
 bool LineSocket::grow(int needed, int ceiling) {
-  if (needed > ceiling) return false;
   const int doubled = room_bytes_ > ceiling / 2 ? ceiling : room_bytes_ * 2;
   const int bytes = std::max(doubled, needed);
   char* larger = new (std::nothrow) char[static_cast<std::size_t>(bytes)];
@@ -87,7 +87,7 @@ OSIORetCode LineSocket::DataIndication(OSBuf* buf) {
     if (c == kLineFeed || *byte >= 128) continue;
     if (c != kCarriageReturn) {
       if (!append(c, ceiling)) refuse_line();
-    } else if (linelen + 1 > room_bytes_ && !grow(linelen + 1, ceiling)) {
+    } else if (line == nullptr && !grow(1, ceiling)) {
       refuse_line();
     } else {
       line[linelen] = '\0';

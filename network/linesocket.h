@@ -11,7 +11,8 @@
 /// override Receive, and connect.
 ///
 /// A line ends with a carriage return. Line feeds are dropped wherever they stand, and so are bytes of 128 and more;
-/// a line that ends with a line feed alone goes on with the next one.
+/// a line that ends with a line feed alone goes on with the next one. What has been collected stays, across connections
+/// too, until its carriage return comes; a program that does not want it sets linelen to 0 when it connects.
 ///
 /// A program that destroys one while its dispatcher may be inside Receive frees `socket`, and sets it to null, in the
 /// destructor of its own class, or destroys it on the dispatching thread (`done`): what a derived class has is gone
@@ -22,7 +23,7 @@
 class OSKERNEL_API LineSocket : public OSIO {
  public:
   /// Makes the socket, bound to the primary local address and any port.
-  ///   max_line  bytes for a line with its terminating zero, of which the storage begins; see DataIndication
+  ///   max_line  bytes of storage that a line begins with, its terminating zero included; below 1 counts as 1
   explicit LineSocket(int max_line);
   ~LineSocket() override;
 
@@ -33,6 +34,7 @@ class OSKERNEL_API LineSocket : public OSIO {
   /// linesocket_test.cpp, LongerThanAnnouncedIsDeliveredWhole.
   ///   takes     buf
   ///   returns   Success. When `done` is set the object is gone.
+  ///   threads   the dispatcher of the socket's queue trigger, inside no section; Receive is called from here
   OSIORetCode DataIndication(OSBuf* buf) override;
   OSIORetCode ConnectIndication(OSIOAddress* address) override;            ///< Success; for subclasses
   OSIORetCode DisconnectIndication(OSIOReason reason, int code) override;  ///< Success; for subclasses
@@ -43,8 +45,11 @@ class OSKERNEL_API LineSocket : public OSIO {
 
   /// Sends a buffer.
   ///   takes     buf
+  ///   returns   as AsyncSocket::DataIndication
   virtual OSIORetCode Send(OSBuf* buf);
-  /// Sends a text as it is, in buffers of up to 1600 bytes. No line end is added.
+  /// Sends a text as it is, in buffers of up to 1600 bytes. No line end is added. When the buffers run out, which is
+  /// fatal, the rest is not sent.
+  ///   text      lent for the call, only read
   virtual void Send(char* text);
   /// Formats as printf, any length, and passes the text to Send(char*).
   virtual void SendF(char* format, ...) OSKERNEL_PRINTF(2, 3);

@@ -14,7 +14,7 @@ bool resolve_host(const char* name, ULONG* address) {
   const std::lock_guard<std::mutex> lock(one_at_a_time);
 
   const hostent* host = gethostbyname(name);  // NOLINT(concurrency-mt-unsafe): that is what the lock is for
-  if (host == nullptr || host->h_addrtype != AF_INET || host->h_length != sizeof(in_addr_t)) return false;
+  if (host == nullptr || host->h_addrtype != AF_INET) return false;
   if (host->h_addr_list == nullptr || host->h_addr_list[0] == nullptr) return false;
   in_addr_t address_be = 0;
   std::memcpy(&address_be, host->h_addr_list[0], sizeof address_be);

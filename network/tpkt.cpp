@@ -38,7 +38,7 @@ OSBuf* alloc_reserved(int size, int length) {
 ///   takes     buf when it returns false
 bool push_header(OSBuf* buf) {
   const bool fits = buf->length <= kMostPayload_bytes && buf->data - buf->payload >= kHeader_bytes;
-  if (buf->length <= kMostPayload_bytes) buf->PushDown(kHeader_bytes);  // reports that there is no room
+  buf->PushDown(kHeader_bytes);  // reports that there is no room
   if (!fits) {
     buf->Free();
     return false;
@@ -52,7 +52,8 @@ bool push_header(OSBuf* buf) {
 
 }  // namespace
 
-TPKTSocket::TPKTSocket() : AsyncSocket(true), tpktBuf(nullptr), lastBuf(nullptr), in_header_(false) {}
+TPKTSocket::TPKTSocket()
+    : AsyncSocket(true), tpktBuf(nullptr), lastBuf(nullptr), assembled_of_(0), in_header_(false) {}
 
 TPKTSocket::~TPKTSocket() {
   if (tpktBuf != nullptr) tpktBuf->Free();
@@ -88,12 +89,12 @@ OSIORetCode TPKTSocket::DatagramIndication(OSBuf* /*buf*/, void* /*source*/, voi
 // ---- Receiving ---------------------------------------------------------------------------------------------
 
 void TPKTSocket::Poll() {
-  if (!seen(listener) && !seen(receive_started)) return;
-  if (input_held_) {
+  // An urgent byte is not among the bytes that are held, and the socket is ready until it is drained.
+  if (input_held_ && !urgent_) {
     process_held();
-    return;
+  } else {
+    AsyncSocket::Poll();
   }
-  AsyncSocket::Poll();
 }
 
 void TPKTSocket::ProcessData(OSBuf* buf) {
@@ -103,6 +104,11 @@ void TPKTSocket::ProcessData(OSBuf* buf) {
   }
   // Nothing is read while bytes are held: these are of a connection that has been closed.
   if (lastBuf != nullptr) lastBuf->Free();
+  if (tpktBuf != nullptr && assembled_of_ != seen(connection_)) {
+    tpktBuf->Free();
+    tpktBuf = nullptr;
+  }
+  assembled_of_ = seen(connection_);
   lastBuf = buf;
   process_held();
 }
@@ -110,9 +116,7 @@ void TPKTSocket::ProcessData(OSBuf* buf) {
 /// Cuts packets until the bytes are used up, or the receive queue is full, or a pool is empty: then the rest is held,
 /// and the monitor thread polls the socket again when it may go on.
 void TPKTSocket::process_held() {
-  input_held_ = false;
-  while (!retrying_ && !stop_reading()) {
-    if (!ProcessTPKT()) break;
+  while (!stop_reading() && ProcessTPKT()) {
   }
   input_held_ = lastBuf != nullptr;
 }

@@ -49,9 +49,11 @@ class OSKERNEL_API TPKTSocket : public AsyncSocket {
   /// A new TPKTSocket for an accepted connection.
   AsyncSocket* GetNewSocket(int skt) override;
   /// Cuts received data into packets; control buffers pass unchanged. Stops while the receive queue is full and goes
-  /// on when it has been taken down, so that a segment of tiny packets does not drain the pools.
+  /// on when it has been taken down, so that a segment of tiny packets does not drain the pools. What an earlier
+  /// connection has left of a packet is dropped.
   ///   threads   monitor thread, inside AsyncSocket::cs
   void ProcessData(OSBuf* buf) override;
+  /// As AsyncSocket::Poll; bytes that ProcessData holds back go before there is more to read.
   void Poll() override;
   /// A whole packet without its header. The base queues it for the partner; a subclass may take it.
   ///   takes     buf
@@ -73,7 +75,8 @@ class OSKERNEL_API TPKTSocket : public AsyncSocket {
   void drop_last();
   void fail();
 
-  bool in_header_;  ///< tpktBuf holds the header alone, all of it when there was no buffer for the packet
+  ULONG assembled_of_;  ///< the connection whose bytes tpktBuf holds; the monitor thread's
+  bool in_header_;      ///< tpktBuf holds the header alone, all of it when there was no buffer for the packet
 };
 
 #endif

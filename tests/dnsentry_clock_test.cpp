@@ -208,6 +208,22 @@ TEST_F(NameExpiry, TheTimerOfAnEntryThatIsNotInTheCacheDeletesNothing) {
   EXPECT_EQ(entries(), Names{});
 }
 
+// A timer that has fired on another thread may come late: its entry is gone, and another stands at its address.
+TEST_F(NameExpiry, ATimerOfAnEarlierEntryAtItsAddressDeletesNothing) {
+  FakeResolver::know("other", ip(10, 9, 8, 6));
+  DNSEntry::Lookup("host", nullptr);
+  DNSEntry::Lookup("other", nullptr);
+  ASSERT_TRUE(delivered(2));
+  DNSEntry* const host = entry("host");
+  const ULONG own = host->timer.value;
+  const ULONG others = entry("other")->timer.value;
+  EXPECT_NE(own, others);
+  ProbeEntry::_TimerCallback(reinterpret_cast<OSObj*>(host), nullptr, others);
+  EXPECT_EQ(entries(), (Names{"host", "other"}));
+  ProbeEntry::_TimerCallback(reinterpret_cast<OSObj*>(host), nullptr, own);
+  EXPECT_EQ(entries(), Names{"other"});
+}
+
 TEST_F(NameExpiry, NoTimerIsLeftWhenTheLayerStops) {
   DNSEntry::Lookup("host", nullptr);
   ASSERT_TRUE(delivered(1));

@@ -21,10 +21,6 @@ namespace {
 class NameCacheSockets : public NameCache {
  protected:
   int told() const { return console.count("AsyncSocket::DNSResult"); }
-  /// Whether the calling thread is inside the section, which others use too.
-  static bool is_in(CRITICAL_SECTION& section) {
-    return std::atomic_ref<pthread_t>(section.owner_thread_id).load() == pthread_self();
-  }
 };
 
 // ---- Asking ------------------------------------------------------------------------------------------------------
@@ -156,9 +152,12 @@ TEST_F(NameCacheSockets, OneThatAsksForTwoNamesIsToldOfBoth) {
   socket->Connect("one", 1);
   socket->Connect("two", 2);
   EXPECT_EQ(waits_on(socket.get()), entry("two"));
+  FakeResolver::let_go();
+  ASSERT_TRUE(dispatch_until([&] { return told() == 1; }));
+  EXPECT_EQ(console.count(found_line(socket.get(), "one", "10.0.0.1")), 1);
+  EXPECT_EQ(waits_on(socket.get()), nullptr) << "cleared by any answer";
   FakeResolver::release();
   ASSERT_TRUE(delivered(2));
-  EXPECT_EQ(console.count(found_line(socket.get(), "one", "10.0.0.1")), 1);
   EXPECT_EQ(console.count(found_line(socket.get(), "two", "10.0.0.2")), 1);
   EXPECT_EQ(waits_on(socket.get()), nullptr);
 }
@@ -352,6 +351,29 @@ TEST_F(NameCacheSockets, AFreedOneStaysListedUntilTheDelivery) {
   EXPECT_EQ(waiting_sockets("host"), 0);
 }
 
+TEST_F(NameCacheSockets, AFreedOneThatIsStillListedIsNotLookedAtWhenItsNameGoes) {
+  const std::pair<const char*, std::function<void()>> ways[] = {
+      {"cleared", [] { DNSEntry::Clear("host"); }},
+      {"stopped", [] { DNSEntry::StopThread(); }},
+  };
+  for (const auto& [name, go] : ways) {
+    SCOPED_TRACE(name);
+    FakeResolver::hold();
+    OwnedSocket freed = datagram_socket();
+    const OwnedSocket alive = datagram_socket();
+    freed->Connect("host", 1);
+    alive->Connect("host", 2);
+    freed.reset();
+    EXPECT_EQ(waiting_sockets("host"), 2);
+    FakeResolver::release();
+    go();
+    EXPECT_EQ(entries(), Names{});
+    EXPECT_EQ(waits_on(alive.get()), nullptr);
+  }
+  DNSEntry::StartThread();
+  EXPECT_EQ(told(), 0);
+}
+
 TEST_F(NameCacheSockets, CancelTakesTheEntryOffItsOwnList) {
   FakeResolver::hold();
   const OwnedSocket socket = datagram_socket();
@@ -372,7 +394,7 @@ TEST_F(NameCacheSockets, CancelTakesTheEntryOffItsOwnList) {
   ASSERT_TRUE(delivered(1));
 }
 
-TEST_F(NameCacheSockets, CancelIsDoneInsideTheCachesSection) {
+TEST_F(NameCacheSockets, EveryOperationIsDoneInsideTheCachesSection) {
   FakeResolver::hold();
   const OwnedSocket socket = datagram_socket();
   socket->Connect("host", 1);
@@ -382,6 +404,7 @@ TEST_F(NameCacheSockets, CancelIsDoneInsideTheCachesSection) {
       {"Lookup", [] { DNSEntry::Lookup("other", nullptr); }},
       {"Clear", [] { DNSEntry::Clear("other"); }},
       {"Callback", [] { DNSEntry::Callback(nullptr, nullptr, 0); }},
+      {"_TimerCallback", [] { ProbeEntry::_TimerCallback(nullptr, nullptr, 0); }},
   };
   for (const auto& [name, operation] : operations) {
     SCOPED_TRACE(name);
@@ -395,20 +418,6 @@ TEST_F(NameCacheSockets, CancelIsDoneInsideTheCachesSection) {
   ASSERT_TRUE(resolved(1));
   os_check_triggers();
 }
-
-alignas(AsyncSocket) unsigned char slot[sizeof(AsyncSocket) + 64];
-
-/// Stands always at the same address.
-class SlotSocket : public AsyncSocket {
- public:
-  SlotSocket() : AsyncSocket(true) {}
-  static void* operator new(std::size_t size) {
-    EXPECT_LE(size, sizeof slot);
-    return slot;
-  }
-  static void operator delete(void*) {}
-};
-using OwnedSlot = Owned<SlotSocket>;
 
 TEST_F(NameCacheSockets, ANewOneAtAFreedOnesAddressIsNotTold) {
   FakeResolver::know("host", ip(10, 9, 8, 7));
@@ -493,154 +502,6 @@ TEST_F(NameCacheSockets, FreeWaitsForADeliveryThatIsUnderWay) {
     EXPECT_TRUE(dispatcher.finished_within(kPatienceMs));
   }
   EXPECT_EQ(told(), 2);
-}
-
-// ---- Inside the indication ---------------------------------------------------------------------------------------
-
-/// A direct socket is told of a failure inside the delivery itself, in both sections.
-class NameCacheInside : public NameCacheSockets {
- protected:
-  void tell_failure() {
-    FakeResolver::release();
-    ASSERT_TRUE(resolved(1));
-    os_check_triggers();
-  }
-};
-
-TEST_F(NameCacheInside, BothSectionsAreHeld) {
-  RecordingLayer layer;
-  int cache = -1, all = -1;
-  layer.set_hook([&](const Indication&) {
-    cache = is_in(DNSEntry::cs) ? 1 : 0;
-    all = is_in(AsyncSocket::cs) ? 1 : 0;
-  });
-  const OwnedSocket socket = stream_socket(false);
-  socket->Bind(&layer);
-  FakeResolver::hold();
-  socket->Connect("nobody", 1);
-  tell_failure();
-  EXPECT_EQ(cache, 1);
-  EXPECT_EQ(all, 1);
-  EXPECT_FALSE(is_in(DNSEntry::cs));
-  EXPECT_FALSE(is_in(AsyncSocket::cs));
-}
-
-TEST_F(NameCacheInside, ASocketMayBeFreed) {
-  RecordingLayer layers[3];
-  AsyncSocket* sockets[3];
-  FakeResolver::hold();
-  for (int i = 0; i < 3; ++i) {
-    sockets[i] = stream_socket(false).release();
-    sockets[i]->Bind(&layers[i]);
-    layers[i].set_hook([&, i](const Indication&) { sockets[i]->Free(); });
-    sockets[i]->Connect("nobody", 1);
-  }
-  tell_failure();
-  for (RecordingLayer& layer : layers) {
-    EXPECT_EQ(layer.story(), std::vector<std::string>{"disconnect(4,0)"});
-  }
-  EXPECT_EQ(entries(), Names{});
-}
-
-TEST_F(NameCacheInside, AnotherSocketMayBeFreed) {
-  RecordingLayer layers[3];
-  OwnedSocket sockets[3];
-  FakeResolver::hold();
-  for (int i = 0; i < 3; ++i) {
-    sockets[i] = stream_socket(false);
-    sockets[i]->Bind(&layers[i]);
-    sockets[i]->Connect("nobody", 1);
-  }
-  layers[1].set_hook([&](const Indication&) {
-    sockets[0].reset();
-    sockets[2].reset();
-  });
-  tell_failure();
-  EXPECT_EQ(layers[0].count(), 1u);
-  EXPECT_EQ(layers[1].count(), 1u);
-  EXPECT_EQ(layers[2].count(), 0u) << "gone before its turn";
-  EXPECT_EQ(entries(), Names{});
-}
-
-TEST_F(NameCacheInside, TheNameMayBeCleared) {
-  RecordingLayer layers[2];
-  OwnedSocket sockets[2];
-  FakeResolver::hold();
-  for (int i = 0; i < 2; ++i) {
-    sockets[i] = stream_socket(false);
-    sockets[i]->Bind(&layers[i]);
-    layers[i].set_hook([](const Indication&) { DNSEntry::Clear("nobody"); });
-    sockets[i]->Connect("nobody", 1);
-  }
-  DNSEntry::Lookup("next", nullptr);
-  FakeResolver::release();
-  ASSERT_TRUE(resolved(2));
-  os_check_triggers();
-  EXPECT_EQ(layers[0].count(), 1u);
-  EXPECT_LE(layers[1].count(), 1u);
-  EXPECT_EQ(entries(), Names{});
-  sockets[0].reset();
-  sockets[1].reset();
-}
-
-TEST_F(NameCacheInside, EveryNameMayBeCleared) {
-  RecordingLayer layer;
-  const OwnedSocket socket = stream_socket(false);
-  socket->Bind(&layer);
-  const Names names = {"a", "b", "nobody", "c", "d"};
-  layer.set_hook([&](const Indication&) {
-    for (const std::string& name : names) DNSEntry::Clear(name.c_str());
-  });
-  FakeResolver::hold();
-  for (const std::string& name : names)
-    DNSEntry::Lookup(name.c_str(), name == "nobody" ? socket.get() : nullptr);
-  FakeResolver::release();
-  ASSERT_TRUE(resolved(names.size()));
-  os_check_triggers();
-  EXPECT_EQ(layer.count(), 1u);
-  EXPECT_EQ(entries(), Names{});
-}
-
-TEST_F(NameCacheInside, OtherNamesMayBeAskedFor) {
-  RecordingLayer layer;
-  FakeResolver::know("other", ip(10, 9, 8, 7));
-  layer.set_hook([&](const Indication&) { DNSEntry::Lookup("other", nullptr); });
-  const OwnedSocket socket = stream_socket(false);
-  socket->Bind(&layer);
-  FakeResolver::hold();
-  socket->Connect("nobody", 1);
-  tell_failure();
-  ASSERT_TRUE(delivered(2));
-  EXPECT_EQ(entries(), Names{"other"});
-}
-
-// A layer that tries again at once must not be told of the same failure again, and must not keep the dispatcher.
-TEST_F(NameCacheInside, TheSameNameMayBeAskedForAgain) {
-  RecordingLayer layer;
-  AsyncSocket* socket = nullptr;
-  layer.set_hook([&](const Indication&) {
-    if (layer.count() < 50) socket->Connect("nobody", 1);
-  });
-  const OwnedSocket owner = stream_socket(false);
-  socket = owner.get();
-  socket->Bind(&layer);
-  FakeResolver::hold();
-  socket->Connect("nobody", 1);
-  FakeResolver::let_go();
-  ASSERT_TRUE(FakeResolver::wait_for_calls(1));
-  ASSERT_TRUE(dispatch_until([&] { return layer.count() >= 1; }));
-  EXPECT_EQ(layer.count(), 1u) << "one answer, one indication";
-  ASSERT_TRUE(FakeResolver::wait_for_calls(2)) << "and the name is asked for again";
-  for (std::size_t attempt = 2; attempt <= 4; ++attempt) {
-    FakeResolver::let_go();
-    ASSERT_TRUE(dispatch_until([&] { return layer.count() >= attempt; }));
-    EXPECT_EQ(layer.count(), attempt);
-    ASSERT_TRUE(FakeResolver::wait_for_calls(attempt + 1));
-  }
-  layer.set_hook(nullptr);
-  FakeResolver::release();
-  ASSERT_TRUE(dispatch_until([&] { return layer.count() == 5; }));
-  EXPECT_EQ(entries(), Names{});
 }
 
 }  // namespace

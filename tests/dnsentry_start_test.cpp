@@ -17,6 +17,7 @@ namespace {
 std::atomic<int> failures_to_come{0};
 std::atomic<int> error_to_report{0};
 std::atomic<int> attempts{0};
+std::atomic<const pthread_attr_t*> last_attributes{nullptr};
 
 }  // namespace
 
@@ -28,6 +29,7 @@ extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* 
   using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
   static const auto real = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
   ++attempts;
+  last_attributes = attributes;
   if (failures_to_come > 0) {
     --failures_to_come;
     return error_to_report;
@@ -66,6 +68,7 @@ TEST_F(ResolverStart, IsTriedAgainWhenThatMayHelp) {
     SCOPED_TRACE(error);
     start(3, error);
     EXPECT_EQ(attempts_made_, 4);
+    EXPECT_EQ(last_attributes, &std_thread_attr);
     EXPECT_EQ(console.count(line(error)), 3) << "a message for each attempt";
     EXPECT_EQ(console.count("DNSEntry::StartThread"), 3);
     EXPECT_NE(DNSEntry::thread, 0u);
@@ -114,6 +117,10 @@ TEST_F(ResolverStart, NamesWaitUntilThereIsAThread) {
 TEST_F(ResolverStart, ALayerWithoutAThreadStopsAndStarts) {
   start(1, EPERM);
   AsyncSocket::Cleanup();
+  console.clear();
+  DNSEntry::Callback(nullptr, nullptr, 0);  // it may have been under way
+  ProbeEntry::_TimerCallback(nullptr, nullptr, 0);
+  EXPECT_EQ(console.text(), "");
   AsyncSocket::Init();
   EXPECT_NE(DNSEntry::thread, 0u);
   FakeResolver::know("host", ip(10, 9, 8, 7));

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -89,6 +90,9 @@ TEST_F(NameCache, RunsWithTheNetworkingLayer) {
   EXPECT_NE(AsyncSocket::dnstrigger, nullptr);
   EXPECT_EQ(AsyncSocket::dnstrigger->callback, &DNSEntry::Callback);
   EXPECT_EQ(AsyncSocket::dnstrigger->obj, nullptr);
+  const auto* timer = dynamic_cast<OSTimerTrigger*>(AsyncSocket::dnstrigger);
+  ASSERT_NE(timer, nullptr);
+  EXPECT_EQ(timer->duration, 0u);
   EXPECT_EQ(entries(), Names{});
   EXPECT_EQ(pending(), Names{});
   AsyncSocket::Cleanup();
@@ -194,10 +198,12 @@ TEST_F(NameCache, TheFirstOfSeveralAddressesIsTaken) {
 
 TEST_F(NameCache, AHostWithoutAnAddressIsNotFound) {
   FakeResolver::know("empty", std::vector<ULONG>{});
+  FakeResolver::know_without_list("no.list");
   FakeResolver::know_as_ipv6("other.family");
   DNSEntry::Lookup("empty", nullptr);
+  DNSEntry::Lookup("no.list", nullptr);
   DNSEntry::Lookup("other.family", nullptr);
-  ASSERT_TRUE(delivered(2));
+  ASSERT_TRUE(delivered(3));
   EXPECT_EQ(entries(), Names{});
 }
 
@@ -268,6 +274,86 @@ TEST_F(NameCache, AFailureAskedForAgainBeforeDeliveryLivesOn) {
   EXPECT_EQ(entry("host"), first);
 }
 
+// The system's call keeps its answer in storage that the next call overwrites.
+TEST_F(NameCache, NoTwoThreadsAreInTheSystemsCallAtOnce) {
+  FakeResolver::know("host", ip(10, 9, 8, 7));
+  FakeResolver::hold();
+  DNSEntry::Lookup("host", nullptr);
+  ASSERT_TRUE(FakeResolver::wait_for_calls(1));
+  WatchedThread second([] { ProbeEntry::Thread(nullptr); });  // the body that the resolver thread runs
+  EXPECT_TRUE(second.blocked());
+  EXPECT_EQ(FakeResolver::calls(), Names{"host"}) << "the second call waits for the first";
+  FakeResolver::release();
+  ASSERT_TRUE(FakeResolver::wait_for_calls(2));
+  std::atomic_ref<bool>(DNSEntry::stop).store(true);
+  for (int i = 0; i < 2; ++i) SetEvent(DNSEntry::event);
+  EXPECT_TRUE(second.finished_within(kPatienceMs));
+  DNSEntry::StopThread();
+}
+
+// The lists are the program's to look at, and some have put entries of their own there.
+TEST_F(NameCache, ListsThatAProgramHasChangedAreTakenAsTheyAre) {
+  FakeResolver::know("own", ip(10, 9, 8, 7));
+  const OwnedSocket socket = datagram_socket();
+  socket->rem_sin.SPort(4711);
+  {
+    const CacheSection section;
+    auto* const known = new ProbeEntry("known", ip(1, 2, 3, 4));
+    DNSEntry::entries.Append(known);
+    EXPECT_EQ(DNSEntry::Lookup("Known", nullptr), ip(1, 2, 3, 4));
+    DNSEntry::Clear("known");
+    EXPECT_EQ(entries(), Names{});
+
+    auto* const kept = new ProbeEntry("kept", ip(1, 2, 3, 5));
+    DNSEntry::entries.Append(kept);
+    DNSEntry::pending.Append(kept);
+    auto* const own = new ProbeEntry("own", 0);
+    DNSEntry::entries.Append(own);
+    DNSEntry::pending.Append(own);
+    own->sockets.Append(socket.get());
+    EXPECT_EQ(DNSEntry::Lookup("own", nullptr), 0u);
+    EXPECT_EQ(pending(), (Names{"kept", "own"})) << "it waits already";
+    DNSEntry::Lookup("other", nullptr);
+    DNSEntry::Lookup("third", nullptr);
+    DNSEntry::pending.Remove(entry("other"));
+    EXPECT_EQ(pending(), (Names{"kept", "own", "third"}));
+    DNSEntry::Lookup("other", nullptr);
+    EXPECT_EQ(pending(), (Names{"kept", "own", "third", "other"})) << "queued again";
+    SetEvent(DNSEntry::event);
+  }
+  ASSERT_TRUE(delivered(4));
+  EXPECT_EQ(console.count(found_line(socket.get(), "own", "10.9.8.7")), 1);
+  EXPECT_EQ(DNSEntry::Lookup("kept", nullptr), ip(1, 2, 3, 5)) << "an address outlives a failure";
+  EXPECT_EQ(FakeResolver::calls(), (Names{"kept", "own", "third", "other"}));
+}
+
+TEST_F(NameCache, SocketsThatAProgramHasPutOrTakenOutItselfAreToldWhatIsTheirs) {
+  FakeResolver::know("host", ip(10, 9, 8, 7));
+  FakeResolver::hold();
+  const OwnedSocket put = datagram_socket(), taken = datagram_socket(), asks = datagram_socket(),
+                    comes_after = datagram_socket();
+  DNSEntry::Lookup("host", nullptr);
+  {
+    const CacheSection section;
+    entry("host")->sockets.Append(put.get());
+  }
+  asks->Connect("host", 1);
+  taken->Connect("host", 2);
+  {
+    const CacheSection section;
+    entry("host")->sockets.Remove(taken.get());
+  }
+  comes_after->Connect("host", 3);
+  FakeResolver::release();
+  ASSERT_TRUE(delivered(1));
+  EXPECT_EQ(console.count("AsyncSocket::DNSResult"), 3);
+  EXPECT_EQ(console.count(found_line(comes_after.get(), "host", "10.9.8.7")), 1);
+  EXPECT_EQ(console.count(found_line(put.get(), "host", "10.9.8.7")), 1);
+  EXPECT_EQ(console.count(found_line(asks.get(), "host", "10.9.8.7")), 1);
+  const CacheSection section;
+  taken->dnsentry = nullptr;  // as who took it out must do
+}
+
 // ---- Clear -------------------------------------------------------------------------------------------------------
 
 TEST_F(NameCache, ClearForgetsANameIgnoringCase) {
@@ -308,8 +394,23 @@ TEST_F(NameCache, ClearBetweenAnswerAndDeliveryDropsTheResult) {
   DNSEntry::Clear("host");
   os_check_triggers();
   EXPECT_EQ(console.count("AsyncSocket::DNSResult"), 0) << "sockets that waited are not told";
+  EXPECT_EQ(waits_on(socket.get()), nullptr);
   EXPECT_EQ(socket->state, SSInitial);
   EXPECT_EQ(entries(), Names{});
+}
+
+TEST_F(NameCache, ClearLeavesASocketThatWaitsForAnotherNameByNow) {
+  FakeResolver::know("other", ip(10, 9, 8, 7));
+  FakeResolver::hold();
+  const OwnedSocket socket = datagram_socket();
+  socket->Connect("host", 1);
+  socket->Connect("other", 2);
+  ASSERT_TRUE(FakeResolver::wait_for_calls(1));
+  DNSEntry::Clear("host");
+  EXPECT_EQ(waits_on(socket.get()), entry("other"));
+  FakeResolver::release();
+  ASSERT_TRUE(delivered(2));
+  EXPECT_EQ(console.count(found_line(socket.get(), "other", "10.9.8.7")), 1);
 }
 
 TEST_F(NameCache, ClearOfTheNameThatIsBeingResolvedDropsItsResult) {
@@ -373,7 +474,8 @@ TEST_F(NameCache, SocketsOfAClearedNameCanBeFreed) {
 TEST_F(NameCache, IsSilentUnlessItIsTraced) {
   FakeResolver::know("host", ip(10, 9, 8, 7));
   DNSEntry::Lookup("host", nullptr);
-  DNSEntry::Lookup("nobody", nullptr);
+  const OwnedSocket socket = datagram_socket();
+  socket->Connect("nobody", 4711);
   ASSERT_TRUE(delivered(2));
   DNSEntry::Clear("host");
   EXPECT_EQ(console.count("DNSEntry"), 0) << console.text();
@@ -426,19 +528,24 @@ TEST_F(NameCache, TraceLinesTellTheRoadOfAName) {
 }
 
 TEST_F(NameCache, TheSecondTraceLevelTellsOfEachLookUp) {
+  using ::testing::ElementsAre;
   set_trace(2);
   FakeResolver::know("host", ip(10, 9, 8, 7));
-  DNSEntry::Lookup("host", nullptr);
-  EXPECT_EQ(console.count("DNSEntry::Lookup - 'host' returning 0.0.0.0"), 1);
-  EXPECT_EQ(console.count("DNSEntry::Lookup - 'host'"), 3);
+  FakeResolver::hold();
+  {
+    const CacheSection section;  // the resolver thread's line comes behind these
+    DNSEntry::Lookup("host", nullptr);
+    EXPECT_THAT(console.calls(), ElementsAre("DNSEntry::Lookup - 'host'",
+                                             with_pointer("DNSEntry::DNSEntry %p - host / 0", entry("host")),
+                                             "DNSEntry::Lookup - 'host' adding to pending list...",
+                                             "DNSEntry::Lookup - 'host' returning 0.0.0.0"));
+  }
+  FakeResolver::release();
   ASSERT_TRUE(delivered(1));
   console.clear();
   DNSEntry::Lookup("HOST", nullptr);
-  const std::vector<std::string> calls = console.calls();
-  ASSERT_GE(calls.size(), 2u);
-  EXPECT_THAT(calls.front(), ::testing::StartsWith("DNSEntry::Lookup - 'HOST'"));
-  EXPECT_EQ(console.count("DNSEntry::Lookup - 'HOST' returning 10.9.8.7"), 1);
-  EXPECT_EQ(console.count("pending"), 0);
+  EXPECT_THAT(console.calls(),
+              ElementsAre("DNSEntry::Lookup - 'HOST'", "DNSEntry::Lookup - 'HOST' returning 10.9.8.7"));
 }
 
 // ---- Stop and start ----------------------------------------------------------------------------------------------
@@ -468,17 +575,39 @@ TEST_F(NameCache, StoppingTheThreadEmptiesTheCache) {
   EXPECT_EQ(entries(), Names{});
   EXPECT_EQ(pending(), Names{});
   EXPECT_EQ(SetEvent(event), 1) << "the event stays open";
-  CloseHandle(event);
   DNSEntry::StopThread();  // and again: nothing
   os_check_triggers();
 
   DNSEntry::StartThread();
   EXPECT_NE(DNSEntry::thread, 0u);
+  EXPECT_NE(DNSEntry::event, event);
+  EXPECT_EQ(SetEvent(event), 0) << "until there is a new one";
   EXPECT_FALSE(DNSEntry::stop);
   EXPECT_FALSE(DNSEntry::stopped);
   EXPECT_EQ(DNSEntry::Lookup("host", nullptr), 0u);
   ASSERT_TRUE(delivered(3));
   EXPECT_EQ(DNSEntry::Lookup("host", nullptr), ip(10, 9, 8, 7));
+}
+
+// They may be under way on another thread, and the section goes when the layer has stopped.
+TEST_F(NameCache, CallbacksThatComeWhileItIsStoppedStayOutOfTheSection) {
+  DNSEntry::StopThread();
+  EnterCriticalSection(&DNSEntry::cs);
+  {
+    WatchedThread late([] {
+      DNSEntry::Callback(nullptr, nullptr, 0);
+      ProbeEntry::_TimerCallback(nullptr, nullptr, 0);
+    });
+    EXPECT_TRUE(late.finished_within(kPatienceMs));
+  }
+  LeaveCriticalSection(&DNSEntry::cs);
+  // The one that stopped it has not waited for a delivery that came behind, and the next start delivers again.
+  AsyncSocket::dnstrigger->Fire();
+  os_check_triggers();
+  DNSEntry::StartThread();
+  FakeResolver::know("host", ip(10, 9, 8, 7));
+  DNSEntry::Lookup("host", nullptr);
+  ASSERT_TRUE(delivered(1));
 }
 
 TEST_F(NameCache, StoppingWaitsForACallOfTheResolver) {
@@ -546,6 +675,8 @@ TEST_F(NameCache, ALookUpStartsTheLayerWhenItDoesNotRun) {
 TEST_F(NameCache, ALookUpWorksBeforeAnySocketExisted) {
   IN_FRESH_PROCESS({
     AsyncSocket::Cleanup();
+    DNSEntry::Clear("host");
+    EXPECT_EQ(console.fatals(), Names{}) << "there is no section to enter";
     FakeResolver::know("host", ip(10, 9, 8, 7));
     EXPECT_EQ(DNSEntry::Lookup("host", nullptr), 0u);
     EXPECT_TRUE(wait_until([] { return DNSEntry::Lookup("host", nullptr) == ip(10, 9, 8, 7); }));

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -16,7 +15,6 @@
 #include "support/line_probe.h"
 #include "support/network_fixture.h"
 #include "support/seed.h"
-#include "support/vtable_slot.h"
 #include "support/watched_thread.h"
 
 using namespace oskernel_test;
@@ -40,6 +38,11 @@ class CollectingSocket : public AsyncSocket {
   CollectingSocket() : AsyncSocket(true) {}
   OSIORetCode DataIndication(OSBuf* buf) override {
     sent.emplace_back(reinterpret_cast<const char*>(buf->data), buf->length);
+    buf->Free();
+    return answer;
+  }
+  OSIORetCode DataExpeditedIndication(OSBuf* buf) override {
+    ADD_FAILURE() << "nothing that a line sends is urgent";
     buf->Free();
     return answer;
   }
@@ -79,7 +82,7 @@ TEST_F(Line, MakesASocketOfItsOwn) {
   EXPECT_FALSE(line.done);
   EXPECT_EQ(line.maxlinelen, 80);
   EXPECT_EQ(line.linelen, 0);
-  ASSERT_NE(line.line, nullptr);
+  EXPECT_STREQ(line.line, "");
   ASSERT_NE(line.socket, nullptr);
   EXPECT_TRUE(line.socket->indirect_socket);
   EXPECT_EQ(line.socket->Partner(), &line);
@@ -90,28 +93,6 @@ TEST_F(Line, MakesASocketOfItsOwn) {
   EXPECT_EQ(line.socket->loc_sin.Address(), static_cast<ULONG>(INADDR_LOOPBACK)) << "the primary address";
   EXPECT_NE(line.socket->LocalPort(), 0);
   EXPECT_FALSE(line.socket->listener);
-}
-
-TEST_F(Line, FieldsStandInTheirOrder) {
-  ProbeLine line(80);
-  const auto at = [](const void* field) { return reinterpret_cast<std::uintptr_t>(field); };
-  const LineSocket& base = line;
-  EXPECT_EQ(at(&base.socket), at(&base) + sizeof(OSIO));
-  EXPECT_LT(at(&base.socket), at(&base.line));
-  EXPECT_LT(at(&base.line), at(&base.maxlinelen));
-  EXPECT_LT(at(&base.maxlinelen), at(&base.linelen));
-  EXPECT_LT(at(&base.linelen), at(&base.done));
-}
-
-TEST(LineSlots, StandWhereProgramsOverrideThem) {
-  EXPECT_EQ(vtable_slot(&LineSocket::DataIndication), 3);
-  EXPECT_EQ(vtable_slot(&LineSocket::ConnectIndication), 6);
-  EXPECT_EQ(vtable_slot(&LineSocket::DisconnectIndication), 7);
-  EXPECT_EQ(vtable_slot(static_cast<OSIORetCode (LineSocket::*)(OSBuf*)>(&LineSocket::Send)), 17);
-  EXPECT_EQ(vtable_slot(static_cast<void (LineSocket::*)(char*)>(&LineSocket::Send)), 18);
-  using SendFType = void (LineSocket::*)(char*, ...);
-  EXPECT_EQ(vtable_slot(static_cast<SendFType>(&LineSocket::SendF)), 19);
-  EXPECT_EQ(vtable_slot(&LineSocket::Receive), 20);
 }
 
 TEST_F(Line, BaseAcceptsConnectionsEndsAndLinesWithoutDoingAnything) {
@@ -266,6 +247,26 @@ TEST_F(Line, LongerThanAnnouncedIsDeliveredWhole) {
   }
 }
 
+TEST_F(Line, MovesOnlyWhenItIsLongerThanAnnounced) {
+  for (const int announced : {80, 2, 1}) {
+    SCOPED_TRACE(announced);
+    ProbeLine line(announced);
+    const char* const storage = line.line;
+    const std::string that_fits(static_cast<std::size_t>(announced) - 1, 'x');
+    for (int i = 0; i < 3; ++i) {
+      receive(line, that_fits);
+      receive(line, "\r");
+      EXPECT_EQ(line.line, storage);
+    }
+    receive(line, that_fits);
+    EXPECT_EQ(line.line, storage);
+    receive(line, "x");
+    EXPECT_NE(line.line, storage);
+    receive(line, "\r");
+    EXPECT_EQ(line.lines(), (Lines{that_fits, that_fits, that_fits, that_fits + "x"}));
+  }
+}
+
 TEST_F(Line, OfNegativeRoomStillWorks) {
   ProbeLine line(-5);
   receive(line, "hello\r");
@@ -306,6 +307,14 @@ class ConnectedLine : public Line {
     ASSERT_TRUE(peer_.is_open());
     ASSERT_TRUE(dispatch_until([this] { return line_->connects() == 1; }));
   }
+  /// Another connection for the line, with a socket that begins anew.
+  void connect_again(const std::function<void()>& connect) {
+    line_->socket->Close();
+    ASSERT_EQ(line_->socket->Create(SOCK_STREAM, 0, 0, false), 0);
+    connect();
+    peer_ = listener_.accept();
+    ASSERT_TRUE(peer_.is_open());
+  }
   void TearDown() override {
     line_.reset();
     peer_.close();
@@ -323,7 +332,9 @@ TEST_F(ConnectedLine, LongerThanTheCeilingShutsTheConnectionDown) {
   ASSERT_TRUE(peer_.send_all("fine\r\n1234567890123456\r\nmore\r\n"));
   ASSERT_TRUE(dispatch_until([this] { return line_->disconnects() == 1; }));
   EXPECT_EQ(line_->lines(), Lines{"fine"}) << "neither the long line nor anything behind it";
-  EXPECT_NE(console.text(), "");
+  EXPECT_EQ(console.calls(),
+            Lines{std::to_string(line_->socket->s) +
+                  " LineSocket::DataIndication - line of more than 16 bytes, connection shut down"});
   EXPECT_TRUE(peer_.ended());
 }
 
@@ -358,37 +369,53 @@ TEST_F(ConnectedLine, TheMessageAboutALongLineComesOnce) {
   EXPECT_EQ(line_->lines(), Lines{});
 }
 
-TEST_F(ConnectedLine, LineBeginsAnewWithTheNextConnection) {
+TEST_F(ConnectedLine, StaysPendingUntilTheNextConnectionBringsItsEnd) {
   Connect(80);
-  ASSERT_TRUE(peer_.send_all("one\r\n"));
-  ASSERT_TRUE(dispatch_until([this] { return line_->lines().size() == 1; }));
+  ASSERT_TRUE(peer_.send_all("one\r\nbegun "));
+  ASSERT_TRUE(dispatch_until([this] { return line_->linelen == 6; }));
   peer_.close();
   ASSERT_TRUE(dispatch_until([this] { return line_->disconnects() == 1; }));
   EXPECT_EQ(line_->last_reason(), Normal);
-  line_->socket->Close();
-  ASSERT_EQ(line_->socket->Create(SOCK_STREAM, 0, 0, false), 0);
-  SockAddr server(static_cast<ULONG>(INADDR_LOOPBACK), listener_.port());
-  line_->Connect(server);
-  peer_ = listener_.accept();
-  ASSERT_TRUE(peer_.is_open());
-  ASSERT_TRUE(peer_.send_all("two\r\n"));
-  ASSERT_TRUE(dispatch_until([this] { return line_->lines().size() == 2; }));
-  EXPECT_EQ(line_->lines(), (Lines{"one", "two"}));
+  connect_again([this] { line_->Connect(SockAddr(static_cast<ULONG>(INADDR_LOOPBACK), listener_.port())); });
+  ASSERT_TRUE(peer_.send_all("and ended\r\ntwo\r\n"));
+  ASSERT_TRUE(dispatch_until([this] { return line_->lines().size() == 3; }));
+  EXPECT_EQ(line_->lines(), (Lines{"one", "begun and ended", "two"}));
 }
+
+/// Does not tell its base of connections, as it need not.
+class SilentLine : public ProbeLine {
+ public:
+  using ProbeLine::ProbeLine;
+  OSIORetCode ConnectIndication(OSIOAddress* /*address*/) override { return Success; }
+};
 
 TEST_F(ConnectedLine, AfterAnOverlongLineANewConnectionWorks) {
   LineSocket::max_line_bytes = 16;
-  Connect(4);
-  ASSERT_TRUE(peer_.send_all("1234567890123456789\r\n"));
-  ASSERT_TRUE(dispatch_until([this] { return line_->disconnects() == 1; }));
-  line_->socket->Close();
-  ASSERT_EQ(line_->socket->Create(SOCK_STREAM, 0, 0, false), 0);
-  line_->Connect(static_cast<ULONG>(INADDR_LOOPBACK), listener_.port());
-  peer_ = listener_.accept();
-  ASSERT_TRUE(peer_.is_open());
-  ASSERT_TRUE(peer_.send_all("again\r\n"));
-  ASSERT_TRUE(dispatch_until([this] { return line_->lines().size() == 1; }));
-  EXPECT_EQ(line_->lines(), Lines{"again"});
+  const UWORD port = listener_.port();
+  struct Row {
+    const char* name;
+    bool silent;
+    std::function<void()> connect;
+  };
+  const Row rows[] = {
+      {"by number", true, [&] { line_->Connect(static_cast<ULONG>(INADDR_LOOPBACK), port); }},
+      {"by address", true, [&] { line_->Connect(SockAddr(static_cast<ULONG>(INADDR_LOOPBACK), port)); }},
+      {"by text", true, [&] { line_->Connect("127.0.0.1", port); }},
+      {"through the socket", false, [&] { line_->socket->Connect("127.0.0.1", port); }},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    line_ = row.silent ? std::make_unique<SilentLine>(4) : std::make_unique<ProbeLine>(4);
+    line_->Connect("127.0.0.1", port);
+    peer_ = listener_.accept();
+    ASSERT_TRUE(peer_.is_open());
+    ASSERT_TRUE(peer_.send_all("1234567890123456789\r\n"));
+    ASSERT_TRUE(dispatch_until([this] { return line_->disconnects() == 1; }));
+    connect_again(row.connect);
+    ASSERT_TRUE(peer_.send_all("again\r\n"));
+    ASSERT_TRUE(dispatch_until([this] { return line_->lines().size() == 1; }));
+    EXPECT_EQ(line_->lines(), Lines{"again"});
+  }
 }
 
 // ---- Connecting --------------------------------------------------------------------------------------------------
@@ -546,8 +573,18 @@ TEST_F(Line, FormattedTextsGoThroughTheSubclass) {
   OverridingLine line;
   char format[] = "%s %d";
   line.SendF(format, "number", 7);
-  EXPECT_EQ(line.texts, Lines{"number 7"});
+  char nothing[] = "%s";
+  line.SendF(nothing, "");
+  EXPECT_EQ(line.texts, (Lines{"number 7", ""}));
   EXPECT_EQ(line.buffers, 0);
+}
+
+TEST_F(Line, WhatCannotBeFormattedIsNotSent) {
+  OverridingLine line;
+  char format[] = "%ls";
+  const wchar_t no_character[] = {static_cast<wchar_t>(0x7FFFFFFF), 0};
+  line.SendF(format, no_character);
+  EXPECT_EQ(line.texts, Lines{});
 }
 
 /// Counts buffers that are handed to Send(OSBuf*).
@@ -569,6 +606,25 @@ TEST_F(Line, TextsGoToTheSocketAndNotThroughTheBufferForm) {
   line.Send(text(some));
   EXPECT_EQ(socket.sent.size(), 2u);
   EXPECT_EQ(line.buffers, 0);
+}
+
+/// Ends the calls from its socket before its own members go.
+class EarlyFreeingLine : public ProbeLine {
+ public:
+  using ProbeLine::ProbeLine;
+  ~EarlyFreeingLine() override {
+    socket->Free();
+    socket = nullptr;
+  }
+};
+
+TEST_F(ConnectedLine, ADerivedClassMayFreeTheSocketFirst) {
+  line_ = std::make_unique<EarlyFreeingLine>(80);
+  line_->Connect("127.0.0.1", listener_.port());
+  peer_ = listener_.accept();
+  ASSERT_TRUE(peer_.is_open());
+  line_.reset();
+  EXPECT_TRUE(peer_.ended());
 }
 
 // ---- The end -----------------------------------------------------------------------------------------------------

@@ -35,6 +35,26 @@ PacketSocket packet_socket() { return PacketSocket(new TPKTSocket); }
 class Tpkt : public NetworkTest {};
 class QuietTpkt : public QuietNetworkTest {};
 
+/// A packet socket, a layer above it, and the peer that it is connected to.
+class ConnectedTpkt : public Tpkt {
+ protected:
+  void SetUp() override {
+    Tpkt::SetUp();
+    socket_ = packet_socket();
+    peer_ = connect_to_peer(*socket_, layer_, listener_);
+    ASSERT_TRUE(layer_.wait_for_connect());
+  }
+  void TearDown() override {
+    socket_.reset();
+    peer_.close();
+    Tpkt::TearDown();
+  }
+  PeerListener listener_;
+  RecordingLayer layer_;
+  PacketSocket socket_;
+  PeerStream peer_;
+};
+
 // ---- The object ----------------------------------------------------------------------------------------------------
 
 TEST_F(Tpkt, ANewSocketIsIndirectAndBetweenPackets) {
@@ -79,6 +99,9 @@ TEST_F(Tpkt, GetNewSocketAdoptsTheDescriptor) {
   EXPECT_EQ(made->s, fd);
   EXPECT_EQ(made->type, SOCK_STREAM);
   EXPECT_EQ(made->LocalPort(), listener.port());
+  maker->type = SOCK_DGRAM;
+  const OwnedSocket other(maker->GetNewSocket(socket(AF_INET, SOCK_DGRAM, 0)));
+  EXPECT_EQ(other->type, SOCK_DGRAM) << "it has the type of its maker";
 }
 
 TEST_F(QuietTpkt, PollReadsNothingBeforeReceptionHasStarted) {
@@ -100,25 +123,15 @@ TEST_F(QuietTpkt, PollReadsNothingBeforeReceptionHasStarted) {
 
 // ---- Sending -------------------------------------------------------------------------------------------------------
 
-TEST_F(Tpkt, PutsTheHeaderInFrontOfEveryPacket) {
-  PeerListener listener;
-  RecordingLayer layer;
-  const PacketSocket socket = packet_socket();
-  PeerStream peer = connect_to_peer(*socket, layer, listener);
-  ASSERT_TRUE(layer.wait_for_connect());
-  EXPECT_EQ(socket->DataIndication(buffer_of(std::string(100, 'x'))), Success);
-  EXPECT_EQ(peer.receive(104), std::string("\x03\x00\x00\x68", 4) + std::string(100, 'x'));
-  EXPECT_EQ(socket->DataIndication(OSBuf::Alloc(10)), Success) << "an empty packet is one too";
-  EXPECT_EQ(peer.receive(4), std::string("\x03\x00\x00\x04", 4));
-  EXPECT_THAT(layer.story(), ElementsAre("connect"));
+TEST_F(ConnectedTpkt, PutsTheHeaderInFrontOfEveryPacket) {
+  EXPECT_EQ(socket_->DataIndication(buffer_of(std::string(100, 'x'))), Success);
+  EXPECT_EQ(peer_.receive(104), std::string("\x03\x00\x00\x68", 4) + std::string(100, 'x'));
+  EXPECT_EQ(socket_->DataIndication(OSBuf::Alloc(10)), Success) << "an empty packet is one too";
+  EXPECT_EQ(peer_.receive(4), std::string("\x03\x00\x00\x04", 4));
+  EXPECT_THAT(layer_.story(), ElementsAre("connect"));
 }
 
-TEST_F(Tpkt, SendsEveryLengthThatTheHeaderCanSay) {
-  PeerListener listener;
-  RecordingLayer layer;
-  const PacketSocket socket = packet_socket();
-  PeerStream peer = connect_to_peer(*socket, layer, listener);
-  ASSERT_TRUE(layer.wait_for_connect());
+TEST_F(ConnectedTpkt, SendsEveryLengthThatTheHeaderCanSay) {
   unsigned number = 0;
   for (const std::size_t length :
        {5, 6, 259, 260, 261, 1599, 1679, 1680, 1681, 21845, 21849, 43690, 43694, 65535}) {
@@ -128,43 +141,66 @@ TEST_F(Tpkt, SendsEveryLengthThatTheHeaderCanSay) {
     OSBuf* buf = packet_buffer(payload, &storage);
     std::string sent;
     std::atomic<int> result{-1};
-    std::thread sending([&] { result = socket->DataIndication(buf); });
-    sent = peer.receive(length);
+    std::thread sending([&] { result = socket_->DataIndication(buf); });
+    sent = peer_.receive(length);
     sending.join();
     EXPECT_EQ(result, Success);
     EXPECT_TRUE(sent == tpkt(payload));
   }
 }
 
-TEST_F(Tpkt, ABufferWithoutRoomForTheHeaderIsReportedAndNotSent) {
-  PeerListener listener;
-  RecordingLayer layer;
-  const PacketSocket socket = packet_socket();
-  PeerStream peer = connect_to_peer(*socket, layer, listener);
-  ASSERT_TRUE(layer.wait_for_connect());
+TEST_F(ConnectedTpkt, ABufferWithoutRoomForTheHeaderIsReportedAndNotSent) {
   const int out = PoolState::now().buffers_out;
-  for (const int room : {0, 1, 3, 4}) {
-    SCOPED_TRACE(room);
-    console.clear();
-    OSBuf* buf = OSBuf::Alloc(599);
-    const auto length = static_cast<UWORD>(buf->size - room);
-    const std::string payload = numbered_payload(length, static_cast<unsigned>(room));
-    buf->PushDown(length);
-    std::memcpy(buf->data, payload.data(), payload.size());
-    ASSERT_EQ(buf->data - buf->payload, room);
-    if (room < 4) {
-      EXPECT_NE(socket->DataIndication(buf), Success);
-      EXPECT_THAT(console.fatals(), Contains("OSBuf::Pushdown Too far"));
-    } else {
-      EXPECT_EQ(socket->DataIndication(buf), Success);
-      EXPECT_TRUE(peer.receive(length + kTpktHeader) == tpkt(payload))
-          << "it is the first thing that was sent";
-      EXPECT_THAT(console.fatals(), IsEmpty());
+  for (const bool expedited : {false, true}) {
+    for (const int room : {0, 1, 3, 4, 7, 8}) {
+      SCOPED_TRACE(text_of("expedited %d, room %d", expedited, room));
+      console.clear();
+      OSBuf* buf = OSBuf::Alloc(599);
+      const auto length = static_cast<UWORD>(buf->size - room);
+      const std::string payload = numbered_payload(length, static_cast<unsigned>(room));
+      buf->PushDown(length);
+      std::memcpy(buf->data, payload.data(), payload.size());
+      ASSERT_EQ(buf->data - buf->payload, room);
+      const std::string packet = expedited ? tpkt(tpkt(payload)) : tpkt(payload);
+      const bool has_room = packet.size() - payload.size() <= static_cast<std::size_t>(room);
+      EXPECT_EQ(expedited ? socket_->DataExpeditedIndication(buf) : socket_->DataIndication(buf),
+                has_room ? Success : Blocked);
+      if (has_room) {
+        EXPECT_TRUE(peer_.receive(packet.size()) == packet) << "nothing else has been sent before it";
+        EXPECT_THAT(console.fatals(), IsEmpty());
+      } else {
+        EXPECT_THAT(console.fatals(), Contains("OSBuf::Pushdown Too far"));
+      }
+      EXPECT_EQ(PoolState::now().buffers_out, out);
     }
+  }
+  console.clear();
+  EXPECT_TRUE(socket_->Connected()) << "the connection stays";
+  EXPECT_THAT(layer_.story(), ElementsAre("connect"));
+}
+
+// A program may have made the buffer itself, with more in it than the header can say.
+TEST_F(ConnectedTpkt, APacketOfMoreThanTheHeaderCanSayIsFreedAndNotSent) {
+  const int out = PoolState::now().buffers_out;
+  std::vector<UBYTE> storage(50 + 65535);
+  const auto buffer_with = [&storage](int length) {
+    OSBuf* buf = OSBuf::Alloc(0);
+    buf->SetPayload(storage.data(), 65535);
+    buf->data = buf->payload + 50;
+    buf->length = static_cast<UWORD>(length);
+    return buf;
+  };
+  for (const int length : {65532, 65533, 65534, 65535}) {
+    SCOPED_TRACE(length);
+    EXPECT_EQ(socket_->DataIndication(buffer_with(length)), Blocked);
+    EXPECT_EQ(socket_->DataExpeditedIndication(buffer_with(length)), Blocked);
+    EXPECT_EQ(socket_->DataExpeditedIndication(buffer_with(length - 4)), Blocked)
+        << "the outer header is too much";
     EXPECT_EQ(PoolState::now().buffers_out, out);
   }
-  EXPECT_TRUE(socket->Connected()) << "the connection stays";
-  EXPECT_THAT(layer.story(), ElementsAre("connect"));
+  EXPECT_EQ(socket_->DataIndication(buffer_of("next")), Success);
+  EXPECT_EQ(peer_.receive(8), tpkt("next")) << "it is the first thing that was sent";
+  EXPECT_THAT(layer_.story(), ElementsAre("connect"));
 }
 
 TEST_F(Tpkt, PacketsGivenBeforeTheConnectionLeaveInOrder) {
@@ -187,78 +223,61 @@ TEST_F(Tpkt, PacketsGivenBeforeTheConnectionLeaveInOrder) {
   EXPECT_EQ(peer.receive(expected.size()), expected);
 }
 
-TEST_F(Tpkt, ADisconnectedSocketFreesWhatItIsGiven) {
-  PeerListener listener;
-  RecordingLayer layer;
-  const PacketSocket socket = packet_socket();
-  PeerStream peer = connect_to_peer(*socket, layer, listener);
-  ASSERT_TRUE(layer.wait_for_connect());
-  peer.close();
-  ASSERT_TRUE(layer.wait_for_disconnect());
+TEST_F(ConnectedTpkt, ADisconnectedSocketFreesWhatItIsGiven) {
+  peer_.close();
+  ASSERT_TRUE(layer_.wait_for_disconnect());
   const int out = PoolState::now().buffers_out;
-  EXPECT_EQ(socket->DataIndication(buffer_of("too late")), NoConnection);
-  EXPECT_EQ(socket->DataExpeditedIndication(buffer_of("too late")), NoConnection);
+  EXPECT_EQ(socket_->DataIndication(buffer_of("too late")), NoConnection);
+  EXPECT_EQ(socket_->DataExpeditedIndication(buffer_of("too late")), NoConnection);
   EXPECT_EQ(PoolState::now().buffers_out, out);
 }
 
-TEST_F(Tpkt, ExpeditedDataLeavesWithTwoHeaders) {
-  PeerListener listener;
-  RecordingLayer layer;
-  const PacketSocket socket = packet_socket();
-  PeerStream peer = connect_to_peer(*socket, layer, listener);
-  ASSERT_TRUE(layer.wait_for_connect());
-  EXPECT_EQ(socket->DataExpeditedIndication(buffer_of("hurry")), Success);
-  EXPECT_EQ(peer.receive(13), std::string("\x03\x00\x00\x0D\x03\x00\x00\x09hurry", 13));
-  EXPECT_EQ(socket->DataExpeditedIndication(buffer_of(std::string(300, 'e'))), Success);
-  EXPECT_EQ(peer.receive(308), tpkt(tpkt(std::string(300, 'e'))));
+TEST_F(ConnectedTpkt, ExpeditedDataLeavesWithTwoHeaders) {
+  EXPECT_EQ(socket_->DataExpeditedIndication(buffer_of("hurry")), Success);
+  EXPECT_EQ(peer_.receive(13), std::string("\x03\x00\x00\x0D\x03\x00\x00\x09hurry", 13));
+  EXPECT_EQ(socket_->DataExpeditedIndication(buffer_of(std::string(300, 'e'))), Success);
+  EXPECT_EQ(peer_.receive(308), tpkt(tpkt(std::string(300, 'e'))));
   // Through the interface of layers too, as its partner calls it.
-  OSIO* const lower = layer.Partner();
+  OSIO* const lower = layer_.Partner();
   EXPECT_EQ(lower->DataExpeditedIndication(buffer_of("x")), Success);
-  EXPECT_EQ(peer.receive(9), tpkt(tpkt("x")));
+  EXPECT_EQ(peer_.receive(9), tpkt(tpkt("x")));
 }
 
-TEST_F(Tpkt, ADatagramIsRefusedAndStaysTheCallers) {
-  PeerListener listener;
-  RecordingLayer layer;
-  const PacketSocket socket = packet_socket();
-  PeerStream peer = connect_to_peer(*socket, layer, listener);
-  ASSERT_TRUE(layer.wait_for_connect());
+TEST_F(ConnectedTpkt, ADatagramIsRefusedAndStaysTheCallers) {
   OSBuf* buf = buffer_of("mine");
   const UBYTE* const data = buf->data;
   sockaddr_in dest = loopback_address(9);
-  EXPECT_EQ(socket->DatagramIndication(buf, nullptr, nullptr), NotSupported);
-  EXPECT_EQ(socket->DatagramIndication(buf, &dest, &dest), NotSupported);
+  EXPECT_EQ(socket_->DatagramIndication(buf, nullptr, nullptr), NotSupported);
+  EXPECT_EQ(socket_->DatagramIndication(buf, &dest, &dest), NotSupported);
   EXPECT_EQ(buf->data, data);
   EXPECT_EQ(buf->length, 4);
   buf->Free();
-  EXPECT_EQ(socket->DataIndication(buffer_of("next")), Success);
-  EXPECT_EQ(peer.receive(8), tpkt("next")) << "nothing of the datagram was sent";
+  EXPECT_EQ(socket_->DataIndication(buffer_of("next")), Success);
+  EXPECT_EQ(peer_.receive(8), tpkt("next")) << "nothing of the datagram was sent";
 }
 
-TEST_F(Tpkt, TracesItsTrafficFromLevelTwoOn) {
-  PeerListener listener;
-  RecordingLayer layer;
-  const PacketSocket socket = packet_socket();
-  PeerStream peer = connect_to_peer(*socket, layer, listener);
-  ASSERT_TRUE(layer.wait_for_connect());
+TEST_F(ConnectedTpkt, TracesItsTrafficFromLevelTwoOn) {
   {
     const Tracing tracing(1);
-    EXPECT_EQ(socket->DataIndication(buffer_of("quiet")), Success);
-    EXPECT_EQ(peer.receive(9), tpkt("quiet"));
+    EXPECT_EQ(socket_->DataIndication(buffer_of("quiet")), Success);
+    EXPECT_EQ(socket_->DataExpeditedIndication(buffer_of("hurry")), Success);
+    EXPECT_EQ(peer_.receive(22), tpkt("quiet") + tpkt(tpkt("hurry")));
+    ASSERT_TRUE(peer_.send_all(tpkt("back")));
+    ASSERT_TRUE(layer_.wait_for_bytes(4));
   }
   EXPECT_EQ(console.count("TPKTSocket::"), 0);
   {
     const Tracing tracing(2);
-    EXPECT_EQ(socket->DataIndication(buffer_of("seven!!")), Success);
-    EXPECT_EQ(socket->DataExpeditedIndication(buffer_of("urgent")), Success);
-    ASSERT_TRUE(peer.send_all(tpkt("received")));
-    ASSERT_TRUE(layer.wait_for_bytes(8));
+    EXPECT_EQ(socket_->DataIndication(buffer_of("seven!!")), Success);
+    EXPECT_EQ(socket_->DataExpeditedIndication(buffer_of("urgent")), Success);
+    ASSERT_TRUE(peer_.send_all(tpkt("received")));
+    ASSERT_TRUE(layer_.wait_for_bytes(12));
   }
   EXPECT_THAT(lines_with(console, "TPKTSocket::"),
-              ElementsAre(text_of("%d TPKTSocket::DataIndication - Sending 7 bytes", socket->s),
-                          text_of("%d TPKTSocket::DataExpeditedIndication - Sending 6 bytes", socket->s),
-                          text_of("%d TPKTSocket::DataIndication - Sending 10 bytes", socket->s),
-                          text_of("%d TPKTSocket::TPKTReceive - Received 8 bytes", socket->s)));
+              ElementsAre(text_of("%d TPKTSocket::DataIndication - Sending 7 bytes", socket_->s),
+                          text_of("%d TPKTSocket::DataExpeditedIndication - Sending 6 bytes", socket_->s),
+                          text_of("%d TPKTSocket::DataIndication - Sending 10 bytes", socket_->s),
+                          text_of("%d TPKTSocket::TPKTReceive - Received 8 bytes", socket_->s)));
 }
 
 // ---- Receiving -----------------------------------------------------------------------------------------------------
@@ -283,39 +302,37 @@ TEST_F(Tpkt, ConnectionAndDisconnectionPassUnchanged) {
   EXPECT_THAT(layer.story(), ElementsAre(text_of("disconnect(4,%d)", ECONNREFUSED)));
 }
 
-TEST_F(Tpkt, APacketGoesUpWithRoomInFrontAndTheAddresses) {
-  PeerListener listener;
-  RecordingLayer layer;
-  const PacketSocket socket = packet_socket();
-  PeerStream peer = connect_to_peer(*socket, layer, listener);
-  ASSERT_TRUE(layer.wait_for_connect());
-  for (const std::size_t length : {5, 100, 1679, 1680, 30000}) {
+TEST_F(ConnectedTpkt, APacketGoesUpWithRoomInFrontAndTheAddresses) {
+  for (const std::size_t length : {5, 60, 100, 580, 1679, 1680, 30000}) {
     SCOPED_TRACE(length);
-    layer.clear();
+    layer_.clear();
     const std::string payload = numbered_payload(length - kTpktHeader, 3);
-    ASSERT_TRUE(peer.send_all(tpkt(payload)));
-    ASSERT_TRUE(layer.wait_for(1));
-    const Indication packet = layer.at(0);
+    ASSERT_TRUE(peer_.send_all(tpkt(payload)));
+    ASSERT_TRUE(layer_.wait_for(1));
+    const Indication packet = layer_.at(0);
     EXPECT_EQ(packet.data, payload);
-    EXPECT_GE(packet.headroom, 50 + static_cast<long>(kTpktHeader));
+    // Storage for the packet and 50 bytes in front of it: from 1680 bytes on exactly so much, otherwise a pool buffer.
+    int size = static_cast<int>(length) + 50;
+    if (length < 1680) {
+      OSBuf* const like_it = OSBuf::Alloc(size);
+      size = like_it->size;
+      like_it->Free();
+    }
+    EXPECT_EQ(packet.size, size);
+    EXPECT_EQ(packet.headroom, size - static_cast<long>(payload.size()));
     EXPECT_EQ(packet.remote_ipaddr, htonl(INADDR_LOOPBACK));
-    EXPECT_EQ(packet.remote_port, htons(listener.port()));
-    EXPECT_EQ(packet.local_port, htons(socket->LocalPort()));
+    EXPECT_EQ(packet.remote_port, htons(listener_.port()));
+    EXPECT_EQ(packet.local_port, htons(socket_->LocalPort()));
   }
 }
 
-TEST_F(Tpkt, TheReservedByteIsNotLookedAt) {
-  PeerListener listener;
-  RecordingLayer layer;
-  const PacketSocket socket = packet_socket();
-  PeerStream peer = connect_to_peer(*socket, layer, listener);
-  ASSERT_TRUE(layer.wait_for_connect());
+TEST_F(ConnectedTpkt, TheReservedByteIsNotLookedAt) {
   std::string bytes;
   for (int reserved = 0; reserved < 256; ++reserved) bytes += tpkt("x", static_cast<char>(reserved));
-  ASSERT_TRUE(peer.send_all(bytes));
-  EXPECT_TRUE(layer.wait_for_bytes(256));
-  EXPECT_EQ(layer.count(Indication::kData), 256u);
-  EXPECT_EQ(layer.count(Indication::kDisconnect), 0u);
+  ASSERT_TRUE(peer_.send_all(bytes));
+  EXPECT_TRUE(layer_.wait_for_bytes(256));
+  EXPECT_EQ(layer_.count(Indication::kData), 256u);
+  EXPECT_EQ(layer_.count(Indication::kDisconnect), 0u);
 }
 
 TEST_F(Tpkt, ASubclassMayTakeThePacketsItself) {
@@ -355,26 +372,21 @@ TEST_F(Tpkt, TheCallbackOfALargePacketDeletesItsArray) {
 
 // ---- Empty packets -------------------------------------------------------------------------------------------------
 
-TEST_F(Tpkt, EmptyPacketsIndicateNothing) {
-  PeerListener listener;
-  RecordingLayer layer;
-  const PacketSocket socket = packet_socket();
-  PeerStream peer = connect_to_peer(*socket, layer, listener);
-  ASSERT_TRUE(layer.wait_for_connect());
+TEST_F(ConnectedTpkt, EmptyPacketsIndicateNothing) {
   std::string bytes;
   for (int i = 0; i < 100; ++i) bytes += tpkt("") + (i % 10 == 0 ? tpkt("real") : "") + tpkt("");
-  ASSERT_TRUE(peer.send_all(bytes));
-  ASSERT_TRUE(layer.wait_for_bytes(40));
+  ASSERT_TRUE(peer_.send_all(bytes));
+  ASSERT_TRUE(layer_.wait_for_bytes(40));
   // One that stands alone in its segment is completed by the next.
-  ASSERT_TRUE(peer.send_all(tpkt("")));
+  ASSERT_TRUE(peer_.send_all(tpkt("")));
   ComeRound come_round;
   ASSERT_TRUE(come_round.pass());
-  ASSERT_TRUE(peer.send_all(tpkt("last")));
-  ASSERT_TRUE(layer.wait_for_bytes(44));
+  ASSERT_TRUE(peer_.send_all(tpkt("last")));
+  ASSERT_TRUE(layer_.wait_for_bytes(44));
   ASSERT_TRUE(come_round.pass());
-  EXPECT_EQ(layer.count(), 12u) << "the connection and the eleven packets that hold something";
-  EXPECT_EQ(layer.count(Indication::kData), 11u);
-  EXPECT_TRUE(socket->Connected());
+  EXPECT_EQ(layer_.count(), 12u) << "the connection and the eleven packets that hold something";
+  EXPECT_EQ(layer_.count(Indication::kData), 11u);
+  EXPECT_TRUE(socket_->Connected());
 }
 
 TEST_F(QuietTpkt, AnEmptyPacketAtTheEndOfASegmentIsCompletedByTheNextOne) {
@@ -391,6 +403,27 @@ TEST_F(QuietTpkt, AnEmptyPacketAtTheEndOfASegmentIsCompletedByTheNextOne) {
   EXPECT_THAT(socket->packets, ElementsAre("", "", "data", "", "more"));
   feed(*socket, "\x03");
   EXPECT_THAT(socket->packets, ElementsAre("", "", "data", "", "more", ""));
+  EXPECT_EQ(Segment::alive(), 0);
+}
+
+TEST_F(QuietTpkt, AStepSaysWhetherItHasCompletedAPacket) {
+  const Owned<TakingSocket> socket(new TakingSocket);
+  socket->lastBuf = new Segment(tpkt("one") + tpkt("two") + tpkt("half").substr(0, 6));
+  EXPECT_TRUE(socket->ProcessTPKT());
+  EXPECT_THAT(socket->packets, ElementsAre("one"));
+  EXPECT_TRUE(socket->ProcessTPKT());
+  EXPECT_THAT(socket->packets, ElementsAre("one", "two"));
+  EXPECT_FALSE(socket->ProcessTPKT());
+  EXPECT_FALSE(socket->ProcessTPKT()) << "there is nothing left to cut";
+  socket->lastBuf = new Segment("lf");
+  EXPECT_TRUE(socket->ProcessTPKT());
+  EXPECT_THAT(socket->packets, ElementsAre("one", "two", "half"));
+  for (const std::string& begins_nothing : {std::string(), std::string("no packet"), tpkt_header(3)}) {
+    socket->lastBuf = new Segment(begins_nothing);
+    EXPECT_FALSE(socket->ProcessTPKT()) << begins_nothing;
+    EXPECT_EQ(socket->lastBuf, nullptr);
+    EXPECT_EQ(socket->tpktBuf, nullptr);
+  }
   EXPECT_EQ(Segment::alive(), 0);
 }
 
@@ -553,14 +586,14 @@ TEST_F(Tpkt, ThePartnerMayFreeTheSocketInsideTheReportOfAMalformedHeader) {
   EXPECT_THAT(live_sockets(), IsEmpty());
 }
 
-// ---- What survives -------------------------------------------------------------------------------------------------
+// ---- What does not survive -----------------------------------------------------------------------------------------
 
-TEST_F(Tpkt, WhatIsHalfReceivedSurvivesClose) {
+TEST_F(Tpkt, WhatIsHalfReceivedIsNotMixedWithTheNextConnection) {
   PeerListener listener;
   RecordingLayer layer;
   const PacketSocket socket = packet_socket();
   ComeRound come_round;
-  const std::string packet = tpkt("carried over");
+  const std::string packet = tpkt("never complete");
   for (const std::size_t cut : {1, 3, 4, 9}) {
     SCOPED_TRACE(cut);
     layer.clear();
@@ -574,9 +607,9 @@ TEST_F(Tpkt, WhatIsHalfReceivedSurvivesClose) {
     layer.clear();
     PeerStream second = connect_to_peer(*socket, layer, listener);
     ASSERT_TRUE(layer.wait_for_connect());
-    ASSERT_TRUE(second.send_all(packet.substr(cut)));
-    ASSERT_TRUE(layer.wait_for_bytes(12));
-    EXPECT_EQ(layer.story(), (Story{"connect", "data:carried over"}));
+    ASSERT_TRUE(second.send_all(tpkt("begun anew")));
+    ASSERT_TRUE(layer.wait_for_bytes(10));
+    EXPECT_EQ(layer.story(), (Story{"connect", "data:begun anew"}));
     socket->Close();
   }
 }
