@@ -26,7 +26,6 @@ namespace {
 /// Descriptors for select(), as many as the highest of them needs: fd_set itself ends at 1023.
 class DescriptorSet {
  public:
-  void clear() { words_.assign(words_.size(), 0); }
   void add(int fd) {
     if (fd < 0) return;
     const auto place = static_cast<std::size_t>(fd);
@@ -526,7 +525,7 @@ int SocketMonitor::wait(Events* events, timeval* until) {
     count = epoll_wait(epoll_fd, events->list.data(), kMostEvents, 0);
   }
   if (count <= 0) {
-    events->ready.clear();
+    // The same two each time: select() has left nothing else in it.
     events->ready.add(AsyncSocket::sigfd);
     events->ready.add(epoll_fd);
     const int ready = select(events->ready.count(), events->ready.get(), nullptr, nullptr, until);

@@ -206,6 +206,54 @@ TEST_F(SocketConnect, ASuccessOfTheFirstCallIsAConnectionToo) {
   EXPECT_THAT(layer.story(), ElementsAre("connect", "data:welcome"));
 }
 
+TEST_F(SocketConnect, TheSecondAttemptMayFindItConnected) {
+  PeerListener listener;
+  RecordingLayer layer;
+  OwnedSocket socket = stream_for(&layer);
+  const int s = socket->s;
+  std::atomic<int> attempts{0};
+  calls().connect.replace([s, &attempts](auto real, int fd, const sockaddr* to, socklen_t length) {
+    const int result = real(fd, to, length);
+    if (fd != s || ++attempts == 1) return result;
+    errno = EISCONN;
+    return -1;
+  });
+  ASSERT_EQ(socket->Connect(kLoopback, listener.port()), 0);
+  ASSERT_TRUE(layer.wait_for(1));
+  EXPECT_THAT(layer.story(), ElementsAre("connect"));
+  EXPECT_EQ(attempts, 2);
+}
+
+/// Starts another socket's reception on the monitor thread, when its own connection has failed.
+class StartsAnother : public AsyncSocket {
+ public:
+  explicit StartsAnother(AsyncSocket* other) : AsyncSocket(true), other_(other) {}
+  void ProcessData(OSBuf* buf) override {
+    buf->Free();
+    other_->ConnectAck();
+  }
+
+ private:
+  AsyncSocket* other_;
+};
+
+TEST_F(SocketConnect, WhatChangesAnotherSocketOnTheMonitorThreadIsSeen) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket other = adopted_stream(&layer, &peer);
+  ASSERT_TRUE(peer.send_all("waits"));
+  const Owned<StartsAnother> socket(new StartsAnother(other.get()));
+  ASSERT_EQ(socket->Create(SOCK_STREAM, 0, 0, false), 0);
+  const int s = socket->s;
+  calls().connect.replace([s](auto real, int fd, const sockaddr* to, socklen_t length) {
+    if (fd != s) return real(fd, to, length);
+    errno = ENETUNREACH;
+    return -1;
+  });
+  ASSERT_EQ(socket->Connect(kLoopback, 4711), 0);
+  EXPECT_TRUE(layer.wait_for_bytes(5));
+}
+
 TEST_F(SocketConnect, AnUnknownOwnAddressIsPrintedAndTheConnectionStands) {
   PeerListener listener;
   RecordingLayer layer;

@@ -171,4 +171,60 @@ TEST_F(SocketManyDescriptors, AThousandSocketsOfTheLibraryAreServedTogether) {
   ASSERT_TRUE(layer.wait_for(kCount));
 }
 
+// ---- Descriptors that the program moves ----------------------------------------------------------------------------
+
+class SocketDescriptors : public NetworkTest {
+ protected:
+  /// Makes the monitor thread work out anew what it watches the socket for.
+  static void stop_and_read_again(AsyncSocket& socket) {
+    MonitorBeat monitor;
+    for (const bool stop : {true, false}) {
+      put_into(socket.dont_read, stop);
+      AsyncSocket::WakeMonitorThread();
+      EXPECT_TRUE(monitor.passes());
+    }
+  }
+};
+
+TEST_F(SocketDescriptors, AnotherOnePutInTheSamePlaceIsServedInItsStead) {
+  RecordingLayer layer;
+  PeerStream peer, spare_peer;
+  OwnedSocket socket = established_stream(&layer, &peer);
+  ASSERT_TRUE(peer.send_all("x"));
+  ASSERT_TRUE(layer.wait_for_bytes(1));
+  PeerListener listener;
+  PeerStream spare = PeerStream::connect_to(listener.port());
+  spare_peer = listener.accept();
+  ASSERT_EQ(dup2(spare.fd(), socket->s), socket->s);
+  spare.close();
+  stop_and_read_again(*socket);
+  ASSERT_TRUE(spare_peer.send_all("y"));
+  ASSERT_TRUE(layer.wait_for_bytes(2));
+  EXPECT_EQ(layer.data(), "xy");
+  EXPECT_EQ(console.count("select error"), 0);
+}
+
+TEST_F(SocketDescriptors, OneThatIsHandedToAnotherSocketIsServedThere) {
+  RecordingLayer first_layer, second_layer;
+  PeerStream peer;
+  OwnedSocket first = established_stream(&first_layer, &peer);
+  ASSERT_TRUE(peer.send_all("x"));
+  ASSERT_TRUE(first_layer.wait_for_bytes(1));
+  OwnedSocket second = indirect_socket();
+  second->Bind(&second_layer);
+  ASSERT_EQ(second->Create(SOCK_STREAM, first->s), 0);
+  second->ConnectAck();
+  MonitorBeat monitor;
+  ASSERT_TRUE(monitor.passes());
+  ASSERT_TRUE(peer.send_all("y"));
+  ASSERT_TRUE(second_layer.wait_for_bytes(1));
+  EXPECT_EQ(console.count("select error"), 0);
+  // The one that has lost it does not take it along.
+  put_into(first->s, -1);
+  first.reset();
+  ASSERT_TRUE(peer.send_all("z"));
+  ASSERT_TRUE(second_layer.wait_for_bytes(2));
+  EXPECT_THAT(first_layer.story(), ElementsAre("data:x"));
+}
+
 }  // namespace

@@ -150,6 +150,7 @@ TEST_F(SocketEarlyData, APartialSendKeepsTheRestInFront) {
         1);
   }
   EXPECT_EQ(console.count("partial send"), 4);
+  EXPECT_TRUE(is_calm(AsyncSocket::monitor_thread)) << "the socket is no more waited for";
 }
 
 TEST_F(SocketEarlyData, AFullSystemIsWaitedFor) {

@@ -292,6 +292,7 @@ TEST_F(SocketMonitorThread, WithoutAPipeItServesWhatBecomesReady) {
   ASSERT_TRUE(peer.send_to(socket->LocalPort(), "two"));
   ASSERT_TRUE(layer.wait_for(2));
   EXPECT_THAT(layer.story(), ElementsAre("datagram:one", "datagram:two"));
+  EXPECT_TRUE(is_calm(AsyncSocket::monitor_thread)) << "it looks by itself, ten times a second";
 }
 
 TEST_F(SocketMonitorThread, SocketsComeAndGoWhileOthersHaveTraffic) {
