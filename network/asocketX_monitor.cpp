@@ -586,7 +586,6 @@ void SocketMonitor::pass(Events* events) {
 void SocketMonitor::run() {
   monitor_id.store(pthread_self());
   open_pipe();
-  look_at_all();
   Events events;
   while (!seen(AsyncSocket::monitor_stop)) {
     if (epoll_fd != -1 || open_epoll()) {

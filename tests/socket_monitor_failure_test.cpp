@@ -229,6 +229,39 @@ TEST_F(SocketMonitorThread, ThePipeIsNonBlockingAndClosedOnExec) {
   }
 }
 
+TEST_F(SocketMonitorThread, ItsOtherDescriptorIsClosedOnExecToo) {
+  std::atomic<int> given{-1};
+  calls().epoll_create1.replace([&given](auto real, int flags) {
+    given = flags;
+    return real(flags);
+  });
+  OwnedSocket socket = indirect_socket();
+  MonitorBeat monitor;
+  ASSERT_TRUE(monitor.passes());
+  EXPECT_EQ(given, EPOLL_CLOEXEC);
+}
+
+TEST_F(SocketMonitorThread, WithoutADescriptorForItsWaitsItTriesAgain) {
+  std::atomic<int> failures{0};
+  std::atomic<bool> fails{true};
+  calls().epoll_create1.replace([&](auto real, int flags) {
+    if (!fails) return real(flags);
+    ++failures;
+    errno = EMFILE;
+    return -1;
+  });
+  RecordingLayer layer;
+  PeerUdp peer;
+  OwnedSocket socket = datagram_socket(&layer);
+  ASSERT_TRUE(peer.send_to(socket->LocalPort(), "patient"));
+  ASSERT_TRUE(wait_until([&] { return failures >= 2; }, kPatienceMs));
+  EXPECT_TRUE(is_calm(AsyncSocket::monitor_thread));
+  EXPECT_GE(console.count("AsyncSocket::MonitorThread - select error 24"), 2);
+  fails = false;
+  ASSERT_TRUE(layer.wait_for(1));
+  EXPECT_THAT(layer.story(), ElementsAre("datagram:patient"));
+}
+
 TEST_F(SocketMonitorThread, WaitsWhenThereIsNothingToDo) {
   RecordingLayer layer;
   PeerStream peer;

@@ -420,6 +420,26 @@ TEST_F(SocketDirect, WithAnEmptyRingItIsClosedAndFreedAllTheSame) {
   EXPECT_TRUE(wait_until([this] { return console.count("...all buffers are home") == 1; }, kPatienceMs));
 }
 
+TEST_F(SocketDirect, AReportOfReadinessThatIsOutOfDateEndsNothing) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = established_stream(&layer, &peer, false);
+  const int s = socket->s;
+  std::atomic<int> reports{0};
+  calls().poll.replace([s, &reports](auto real, pollfd* fds, nfds_t count, int timeout_ms) {
+    if (count != 1 || fds->fd != s || ++reports > 3) return real(fds, count, timeout_ms);
+    fds->revents = POLLIN;
+    return 1;
+  });
+  // The wait that has begun before is over with this.
+  ASSERT_TRUE(peer.send_all("a"));
+  ASSERT_TRUE(wait_until([&] { return reports > 3; }, kPatienceMs));
+  ASSERT_TRUE(peer.send_all("b"));
+  ASSERT_TRUE(layer.wait_for_bytes(2));
+  EXPECT_EQ(layer.data(), "ab");
+  EXPECT_TRUE(socket->Connected());
+}
+
 TEST_F(SocketDirect, AnAcceptedConnectionSendsWhatItWasGivenBeforeItWasAcknowledged) {
   RecordingLayer layer;
   PeerStream peer;

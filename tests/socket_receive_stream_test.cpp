@@ -125,9 +125,9 @@ TEST_F(SocketStream, LargeBuffersTakeEverythingThatWaitsInOneRead) {
     std::size_t sent;
     bool pool_buffer;
   } rows[] = {
-      {1, true},      {1600, true},   {1601, true},   {1679, true},   {1680, false},
-      {1681, false},  {5000, false},  {21844, false}, {21845, false}, {21846, false},
-      {43689, false}, {43690, false}, {43691, false},
+      {1, true},      {100, true},    {580, true},    {1600, true},   {1601, true},
+      {1679, true},   {1680, false},  {1681, false},  {5000, false},  {21844, false},
+      {21845, false}, {21846, false}, {43689, false}, {43690, false}, {43691, false},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.sent);

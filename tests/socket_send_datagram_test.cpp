@@ -11,6 +11,7 @@
 #include "support/interposed_calls.h"
 #include "support/section_wait.h"
 #include "support/socket_pairs.h"
+#include "support/socket_probe.h"
 #include "support/watched_thread.h"
 
 using namespace oskernel_test;
@@ -179,7 +180,7 @@ TEST_P(SocketSendDatagram, CloseClosesTheSecondDescriptorToo) {
   socket->rtps = second;
   socket->Close();
   EXPECT_EQ(socket->rtps, -1);
-  EXPECT_EQ(fcntl(second, F_GETFD), -1);
+  EXPECT_FALSE(is_open(second));
 }
 
 TEST_P(SocketSendDatagram, AFailureOfDataIsPrintedAndDisconnectsNothing) {
@@ -359,7 +360,7 @@ TEST_P(SocketSendDatagram, NothingClosesTheDescriptorThatASenderIsWritingTo) {
       answer_sends(fd, [&](size_t count) {
         inside.open();
         door.wait();
-        still_open = fcntl(fd, F_GETFD) != -1;
+        still_open = is_open(fd);
         return static_cast<long>(count);
       });
       WatchedThread sender([&] {

@@ -92,6 +92,7 @@ struct InterposedCalls {
   InterposedCall<int(int, fd_set*, fd_set*, fd_set*, timeval*)> select{"select"};
   InterposedCall<int(pollfd*, nfds_t, int)> poll{"poll"};
   InterposedCall<int(int, epoll_event*, int, int)> epoll_wait{"epoll_wait"};
+  InterposedCall<int(int)> epoll_create1{"epoll_create1"};
   InterposedCall<ssize_t(int, void*, size_t, int, sockaddr*, socklen_t*)> recvfrom{"recvfrom"};
   InterposedCall<int(int, sockaddr*, socklen_t*)> accept{"accept"};
   InterposedCall<int(int, sockaddr*, socklen_t*, int)> accept4{"accept4"};
@@ -108,6 +109,7 @@ struct InterposedCalls {
     select.restore();
     poll.restore();
     epoll_wait.restore();
+    epoll_create1.restore();
     recvfrom.restore();
     accept.restore();
     accept4.restore();
@@ -213,6 +215,9 @@ __attribute__((visibility("default"))) int getsockname(int fd, sockaddr* name, s
 }
 __attribute__((visibility("default"))) int pipe(int* fds) noexcept {
   return oskernel_test::calls().pipe.call_from(__builtin_return_address(0), fds);
+}
+__attribute__((visibility("default"))) int epoll_create1(int flags) noexcept {
+  return oskernel_test::calls().epoll_create1.call(flags);
 }
 __attribute__((visibility("default"))) int pipe2(int* fds, int flags) noexcept {
   return oskernel_test::calls().pipe2.call_from(__builtin_return_address(0), fds, flags);

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 
 #include <string>
@@ -42,7 +43,11 @@ inline SockAddr system_name(int fd) {
 }
 
 inline bool non_blocking(int fd) { return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0; }
-inline bool is_open(int fd) { return fcntl(fd, F_GETFD) >= 0; }
+/// Of a socket: the monitor thread, which is starting, may have got a closed one's number for something else.
+inline bool is_open(int fd) {
+  struct stat status = {};
+  return fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode);
+}
 
 /// Returns when the monitor thread has everything that it opens.
 inline void let_the_layer_start() {
