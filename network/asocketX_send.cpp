@@ -132,8 +132,9 @@ OSIORetCode AsyncSocket::send_stream(OSBuf* buf) {
   const auto queue_rest = [this, connection](OSBuf* rest) {
     bool queued = false;
     {
+      // Close drops what is queued, inside local_cs, when the connection has become another one.
       const SectionLock lock(&local_cs);
-      queued = append_early_locked(rest);
+      queued = seen(connection_) == connection && append_early_locked(rest);
     }
     if (!queued) return fail_stream(rest, ENOBUFS, connection);
     if (indirect_socket) SocketMonitor::look_at(this);
@@ -146,7 +147,9 @@ OSIORetCode AsyncSocket::send_stream(OSBuf* buf) {
     waited = true;
   };
   while (buf->length != 0) {
-    if (seen(s) == -1 || seen(secure_state) != SecClear) return fail_stream(buf, 0, connection);
+    if (seen(s) == -1 || seen(connection_) != connection || seen(secure_state) != SecClear) {
+      return fail_stream(buf, 0, connection);
+    }
     if (seen(early_waiting_)) {
       // What was queued goes first; nothing overtakes it.
       if (sends_early_data()) return queue_rest(buf);

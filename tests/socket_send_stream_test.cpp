@@ -373,6 +373,33 @@ TEST_P(SocketSend, ASenderThatFindsAnotherConnectionAfterItsWaitLeavesItAlone) {
   EXPECT_THAT(layer.story(), IsEmpty());
 }
 
+TEST_P(SocketSend, ASenderThatFindsAConnectionInTheMakingAfterItsWaitQueuesNothingForIt) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = deaf(&layer, &peer);
+  const int s = socket->s;
+  answer_sends(s, [](int, size_t) -> long { return -EAGAIN; });
+  std::atomic<bool> reused{false};
+  answer_waits(s, [&] {
+    if (reused.exchange(true)) return 0;
+    WatchedThread reusing([&] {
+      socket->Close();
+      EXPECT_EQ(socket->Create(SOCK_STREAM, 0, 0, false), 0);
+      EXPECT_EQ(socket->DataIndication(buffer_of("for the new one")), Success);
+    });
+    EXPECT_TRUE(reusing.finished_within(kPatienceMs));
+    return 0;
+  });
+  EXPECT_EQ(socket->DataIndication(buffer_of("for the old one")), Blocked);
+  calls().restore_all();
+  PeerListener listener;
+  ASSERT_EQ(socket->Connect(kLoopback, listener.port()), 0);
+  PeerStream next_peer = listener.accept();
+  EXPECT_EQ(next_peer.receive(15), "for the new one");
+  socket->Shutdown();
+  EXPECT_TRUE(next_peer.ended()) << "and nothing more";
+}
+
 TEST_P(SocketSend, NothingClosesTheDescriptorThatASenderIsWritingTo) {
   // Its number could be another socket's before the bytes are on their way.
   const struct {
