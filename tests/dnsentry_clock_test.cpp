@@ -31,6 +31,14 @@ class NameExpiry : public NameCache {
     FakeClock::advance(ms);
     os_check_triggers();
   }
+  /// The first attempt has failed and is to be delivered; the resolver is held before the second.
+  static bool fails_first() {
+    FakeResolver::forget("host");
+    FakeResolver::hold();
+    DNSEntry::Lookup("host", nullptr);
+    FakeResolver::let_go();
+    return resolved(1) && wait_until([] { return field("host", &DNSEntry::result) == true; });
+  }
   static OSTrState timer_state(const std::string& name) {
     const CacheSection section;
     DNSEntry* found = entry(name);
@@ -123,12 +131,7 @@ TEST_F(NameExpiry, AClearedNameHasNoTimerLeft) {
 }
 
 TEST_F(NameExpiry, ANameFoundAtTheSecondAttemptIsKeptFromThatDelivery) {
-  FakeResolver::forget("host");
-  FakeResolver::hold();
-  DNSEntry::Lookup("host", nullptr);
-  FakeResolver::let_go();
-  ASSERT_TRUE(resolved(1));
-  ASSERT_TRUE(wait_until([] { return field("host", &DNSEntry::result) == true; }));
+  ASSERT_TRUE(fails_first());
   DNSEntry::Lookup("host", nullptr);
   os_check_triggers();
   EXPECT_EQ(timer_state("host"), OS_T_WAIT);
@@ -144,13 +147,8 @@ TEST_F(NameExpiry, ANameFoundAtTheSecondAttemptIsKeptFromThatDelivery) {
 
 // An entry that failed, and was asked for again, may expire while the resolver thread is at work on it.
 TEST_F(NameExpiry, ANameMayExpireWhileItIsResolved) {
-  FakeResolver::forget("host");
-  FakeResolver::hold();
   const OwnedSocket socket = datagram_socket();
-  DNSEntry::Lookup("host", nullptr);
-  FakeResolver::let_go();
-  ASSERT_TRUE(resolved(1));
-  ASSERT_TRUE(wait_until([] { return field("host", &DNSEntry::result) == true; }));
+  ASSERT_TRUE(fails_first());
   os_check_triggers();
   EXPECT_EQ(entries(), Names{});
 
@@ -174,12 +172,7 @@ TEST_F(NameExpiry, ANameMayExpireWhileItIsResolved) {
 }
 
 TEST_F(NameExpiry, ASocketCanBeFreedAfterTheNameItWaitsForHasExpired) {
-  FakeResolver::forget("host");
-  FakeResolver::hold();
-  DNSEntry::Lookup("host", nullptr);
-  FakeResolver::let_go();
-  ASSERT_TRUE(resolved(1));
-  ASSERT_TRUE(wait_until([] { return field("host", &DNSEntry::result) == true; }));
+  ASSERT_TRUE(fails_first());
   DNSEntry::Lookup("host", nullptr);
   os_check_triggers();
   ASSERT_TRUE(FakeResolver::wait_for_calls(2));
