@@ -14,7 +14,6 @@
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -170,17 +169,17 @@ TEST_F(SocketConnect, AnIndirectStreamIsConnectingUntilItsPeerAnswers) {
 }
 
 TEST_F(SocketConnect, AnAttemptThatFailsLateIsReportedOnceWithItsError) {
-  std::optional<FullPort> port(std::in_place);
+  FullPort port;
   RecordingLayer layer;
   OwnedSocket socket = indirect_socket();
   ComeRound come_round;
   socket->Bind(&layer);
   ASSERT_EQ(socket->Create(SOCK_STREAM, 0, INADDR_LOOPBACK, false), 0);
-  const UWORD refusing = port->port();
+  const UWORD refusing = port.port();
   socket->Connect(INADDR_LOOPBACK, refusing);
   ASSERT_TRUE(comes_to_state(*socket, SSConnecting));
 
-  port.reset();  // the system's next attempt finds nobody
+  port.refuse();  // the system's next attempt finds nobody
   ASSERT_TRUE(layer.wait_for_disconnect());
   ASSERT_TRUE(come_round.pass());
   EXPECT_THAT(layer.story(), ElementsAre(refused()));

@@ -241,10 +241,10 @@ class RefusingPort {
 };
 
 /// A port of 127.0.0.1 whose connections stay half made: the queue of the listener is full and nobody takes from
-/// it, until admit().
+/// it, until admit() or refuse().
 class FullPort {
  public:
-  FullPort() : fd_(bound_socket(SOCK_STREAM)) {
+  FullPort() : held_(bound_socket(SOCK_STREAM)), fd_(bound_socket(SOCK_STREAM, port())) {
     ::listen(fd_.get(), 0);
     for (Descriptor& filler : fillers_) {
       filler.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -253,7 +253,12 @@ class FullPort {
       wait_for_events(filler.get(), POLLOUT, 50);
     }
   }
-  UWORD port() const { return local_port_of(fd_.get()); }
+  UWORD port() const { return local_port_of(held_.get()); }
+  /// Refuses the waiting connections from now on, when the system tries again. Nobody else gets the port meanwhile.
+  void refuse() {
+    for (Descriptor& filler : fillers_) filler.reset();
+    fd_.reset();
+  }
   /// Lets the waiting connections in; the system tries again about a second after the first attempt.
   void admit() {
     for (Descriptor& filler : fillers_) filler.reset();
@@ -271,6 +276,7 @@ class FullPort {
   }
 
  private:
+  Descriptor held_;
   Descriptor fd_;
   Descriptor fillers_[4];
 };
