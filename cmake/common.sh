@@ -3,11 +3,11 @@
 # shellcheck shell=bash
 
 # Debian packages. googletest's headers and archives come with libgtest-dev and libgmock-dev.
-PACKAGES_BUILD=(g++ cmake ninja-build)
+PACKAGES_BUILD=(g++ cmake ninja-build libssl-dev)
 # The second line: servers and clients that the tests of the networking layer talk to, each in a namespace or on a free
 # port of its own; ./test starts them.
 PACKAGES_TEST=(libgtest-dev libgmock-dev
-  iproute2 dnsmasq-base redis-server netcat-openbsd socat tshark)
+  iproute2 dnsmasq-base redis-server netcat-openbsd socat tshark openssl gnutls-bin)
 PACKAGES_EXAMPLES=(libcli11-dev nlohmann-json3-dev libfmt-dev libcsv-dev libboost-dev)
 PACKAGES_BENCH=(libbenchmark-dev libboost-dev libuv1-dev libevent-dev)
 PACKAGES_CHECK=(git clang-format clang-tidy python3)

@@ -132,6 +132,7 @@ AsyncSocket::AsyncSocket(bool indirect)
       connect_error_(0),
       reading_stopped_(false),
       input_held_(false),
+      session_holds_(false),
       exhaustion_at_(0),
       exhaustion_reported_(false),
       connection_(0),

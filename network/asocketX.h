@@ -184,6 +184,28 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   ///   threads   any but the monitor thread, inside no section; from the socket's own indications too
   void Free();
 
+  // ---- TLS (assl.h) ------------------------------------------------------------------------------------------
+  //
+  // A socket whose `secure` is set before it is connected, or before ConnectAck, starts TLS by itself, in the role that
+  // fits, with options 0 and no peer name. Until the handshake is done nothing is sent or received in the clear, what is
+  // given to send is queued, and ConnectIndication waits. A handshake that fails is DisconnectIndication(Failed, 1); a
+  // connection that ends later DisconnectIndication(Failed, code) with the SSL_get_error(3) code: 6 when the peer closed
+  // the session, 5 when the connection broke off.
+
+  /// Names the files for the socket's sessions, see SSLInfo::Initialise. Each may be null for the default. Copied.
+  ///   returns   0
+  ///   threads   one that starts no session of this socket meanwhile
+  int SetCertificates(const char* cert_name, const char* key_name, const char* ca_name);
+  /// Starts TLS on a connected stream, by hand. Data in the receive queue stays clear data.
+  ///   server     the accepting role. The client role waits up to 5 s for the connection to come up.
+  ///   options, peer_name  as for SSLInfo::Setup
+  ///   returns    0 established; -1 refused, not set up, or the handshake goes on (then it is led by the thread that
+  ///              receives, which indicates its outcome); 1 the handshake has failed
+  ///   threads    any, inside no section
+  int StartSSL(bool server, ULONG options, char* peer_name);
+  /// Sends the close notification and goes back to the clear. 0.
+  int StopSSL();
+
   // ---- Options and information -------------------------------------------------------------------------------
 
   void SetDiffServ(UBYTE diffserv);  ///< the whole type-of-service byte (IP_TOS) as it is
@@ -269,7 +291,7 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   DNSEntry* dnsentry;          ///< the name this socket waits for; under DNSEntry::cs
   bool secure;                 ///< the connection is to run TLS
   int secure_state;            ///< a SecureState. Accessed atomically.
-  SSLInfo* ssl_info;           ///< null while the connection is clear
+  SSLInfo* ssl_info;           ///< its session; owned; null before TLS has been started. Accessed atomically.
   char* cert;                  ///< certificate file; owned, from malloc
   char* key;                   ///< private-key file; owned, from malloc
   char* ca;                    ///< CA file; owned, from malloc
@@ -295,6 +317,7 @@ class OSKERNEL_API AsyncSocket : public OSIO {
  private:
   friend class DNSEntry;
   friend class RingBuffer;
+  friend class SessionUse;
   friend class SocketMonitor;
   friend class SocketRegistry;
   friend class TPKTSocket;
@@ -343,6 +366,21 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   OSIORetCode send_datagram(OSBuf* buf);
   int send_some(const UBYTE* bytes, int count, ULONG connection);
 
+  // TLS (asocketX_secure.cpp).
+  bool is_to_be_secure();
+  bool was_never_secured();
+  bool sends_in_the_clear();
+  bool become_secure(const SSLInfo* session);
+  void lead_handshake();
+  bool wait_for_peer(bool to_write);
+  void finish_handshake_blocking();
+  void receive_secured();
+  OSIORetCode send_secured(OSBuf* buf);
+  bool queue_behind_early(OSBuf* buf, OSIORetCode* result);
+  bool send_early_data_secured();
+  void end_secured(int code);
+  void drop_session();
+
   // Ending (asocketX_end.cpp).
   void close_descriptors();
   void join_own_thread();
@@ -368,13 +406,15 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   /// The monitor thread reads no more because of dont_read, and wants to be told when it may. Accessed atomically; see
   /// stop_reading.
   bool reading_stopped_;
-  bool input_held_;  ///< a subclass holds received bytes back until the queue has been taken down
+  bool input_held_;     ///< a subclass holds received bytes back until the queue has been taken down
+  bool session_holds_;  ///< the TLS session does, which the descriptor does not show
 
   ULONG exhaustion_at_;  ///< when a listener last said that there are no descriptors; the accepting thread
   bool exhaustion_reported_;  ///< it has
 
   /// Held over each send(2), never over a wait, and while the descriptor is closed: a sender never writes into a
-  /// descriptor whose number has been given to another socket. A leaf behind cs and local_cs.
+  /// descriptor whose number has been given to another socket. Behind cs and local_cs; only the
+  /// lock of the TLS session is taken inside it.
   std::mutex send_mutex_;
   /// How many descriptors have been closed, which tells a connection from the next one of the same socket. Written
   /// under send_mutex_, read atomically.

@@ -71,6 +71,23 @@ int AsyncSocket::ConnectAck() {
     const SectionLock lock(&local_cs);
     publish(state, int{SSConnected});
   }
+  if (seen(secure)) {
+    diagnostics().Print("%d AsyncSocket::ConnectAck - start SSL", seen(s));
+    const int result = StartSSL(true, 0, nullptr);
+    if (result > 0) {
+      diagnostics().Print("%d AsyncSocket::ConnectAck - StartSSL error %d", seen(s), result);
+      publish(state, int{SSDisconnected});
+      indicate_failure(0);  // a direct socket's partner may free it
+      return 0;
+    }
+    if (result < 0) {
+      diagnostics().Print("%d AsyncSocket::ConnectAck - StartSSL returned %d", seen(s), result);
+    } else {
+      const SocketVisit visit(this, generation_);
+      indicate(0, 0, 0);
+      if (visit.gone()) return 0;
+    }
+  }
   StartTask();
   return 0;
 }

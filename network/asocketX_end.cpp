@@ -9,6 +9,7 @@
 #include "kernel/kernel.h"
 #include "network/asocketX.h"
 #include "network/asocketX_priv.h"
+#include "network/assl.h"
 #include "network/dnsentry.h"
 #include "network/ringbuffer.h"
 
@@ -65,6 +66,7 @@ void AsyncSocket::close_descriptors() {
     const std::lock_guard<std::mutex> sends(send_mutex_);
     publish(s, -1);
     publish(connection_, connection_ + 1);
+    if (ssl_info != nullptr) ssl_info->detach();
     close(fd);
   }
   {
@@ -75,6 +77,7 @@ void AsyncSocket::close_descriptors() {
   }
   connect_error_ = 0;
   input_held_ = false;
+  session_holds_ = false;
 }
 
 /// Frees what waits in both directions, outside the section: the buffers' callbacks are the application's.
@@ -126,6 +129,7 @@ void AsyncSocket::Close() {
   join_own_thread();
   close_descriptors();
   publish(secure_state, int{SecClear});
+  drop_session();
   drop_queued();
   publish(listener, false);
   publish(state, int{SSInitial});
@@ -197,6 +201,7 @@ AsyncSocket::~AsyncSocket() {
   }
   stop_receiving();
   leave_registry();
+  drop_session();
   delete startRetry;
   listenqtrigger.Cancel();
   qtrigger.Cancel();

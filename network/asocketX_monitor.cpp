@@ -20,6 +20,7 @@
 #include "kernel/trigger_priv.h"
 #include "network/asocketX.h"
 #include "network/asocketX_priv.h"
+#include "network/assl.h"
 
 namespace {
 
@@ -120,6 +121,10 @@ bool SocketMonitor::is_current_thread() {
 
 bool* SocketMonitor::signal_owed() {
   return is_current_thread() && signals_later ? &signal_is_owed : nullptr;
+}
+
+void SocketMonitor::signal_what_is_owed() {
+  if (is_current_thread() && std::exchange(signal_is_owed, false)) OSTriggerDispatch::signal_task();
 }
 
 void SocketMonitor::look_at(AsyncSocket* socket) {
@@ -272,11 +277,14 @@ unsigned SocketMonitor::interest_locked(AsyncSocket* socket) {
     if (seen(AsyncSocket::trace) != 0) {
       diagnostics().Print("%d AsyncSocket::MonitorThread - SSL Handshake", seen(socket->s));
     }
-    return events | EPOLLIN;
+    const SessionUse session(socket);
+    const bool writes = session.get() != nullptr && session->wants_write();
+    return events | EPOLLIN | (writes ? EPOLLOUT : 0U);
   }
   if (seen(socket->type) == SOCK_STREAM) {
     const int state = seen(socket->state);
-    const bool early = state == SSConnected && seen(socket->early_waiting_);
+    const bool early = state == SSConnected && seen(socket->early_waiting_) &&
+                       (seen(socket->secure_state) == SecSecure || socket->sends_in_the_clear());
     if (state == SSConnecting || early) events |= EPOLLOUT;
   }
   if (socket->stop_reading()) {
@@ -315,6 +323,14 @@ void SocketMonitor::update_locked(AsyncSocket* socket) {
   if (socket->input_held_ && seen(socket->running) && !seen(socket->dont_read) && !socket->retrying_) {
     socket->Poll();
   }
+  // The same for what a session has deciphered already.
+  if (socket->session_holds_ && !socket->input_held_ && seen(socket->running) && !seen(socket->dont_read) &&
+      !socket->retrying_) {
+    socket->Poll();
+  }
+  // Nobody else would find out: the peer waits for us.
+  if (seen(socket->running) && seen(socket->state) == SSConnected && socket->was_never_secured())
+    socket->Poll();
   if (!socket->indirect_socket || !seen(socket->running) || seen(socket->s) == -1) {
     unwatch_locked(socket);
     return;
@@ -410,10 +426,20 @@ void SocketMonitor::finish_connect_locked(AsyncSocket* socket) {
     publish(socket->state, int{SSConnected});
   }
   look_at(socket);
-  if (!socket->secure || seen(socket->secure_state) == SecSecure) socket->indicate(0, 0, 0);
+  if (seen(socket->secure) && seen(socket->secure_state) != SecSecure) {
+    diagnostics().Print("%d AsyncSocket::MonitorThread - start SSL", fd);
+    signal_what_is_owed();
+    socket->StartSSL(false, 0, nullptr);
+  }
+  if (!seen(socket->secure) || seen(socket->secure_state) == SecSecure) socket->indicate(0, 0, 0);
 }
 
 void SocketMonitor::send_early_data_locked(AsyncSocket* socket) {
+  if (seen(socket->secure_state) == SecSecure) {
+    if (socket->send_early_data_secured()) look_at(socket);
+    return;
+  }
+  if (!socket->sends_in_the_clear()) return;
   for (;;) {
     OSBuf* buf = nullptr;
     {
@@ -465,10 +491,7 @@ void SocketMonitor::handle_locked(AsyncSocket* socket, unsigned events) {
   const bool urgent = (events & EPOLLPRI) != 0;
   if (!socket->indirect_socket || !seen(socket->running) || seen(socket->s) == -1) return;
   if (writable && seen(socket->state) == SSConnecting) finish_connect_locked(socket);
-  if (writable && seen(socket->state) == SSConnected &&
-      (!socket->secure || seen(socket->secure_state) == SecSecure)) {
-    send_early_data_locked(socket);
-  }
+  if (writable && seen(socket->state) == SSConnected) send_early_data_locked(socket);
   if (urgent) {
     if (seen(AsyncSocket::trace) != 0) {
       diagnostics().Print("%d AsyncSocket::MonitorThread - except, calling Poll, running %d", seen(socket->s),
@@ -477,12 +500,14 @@ void SocketMonitor::handle_locked(AsyncSocket* socket, unsigned events) {
     socket->urgent_ = seen(socket->running);
     if (socket->urgent_) socket->Poll();
   }
-  if (readable) {
+  // A handshake goes on whatever waits in the queue, and may wait for room.
+  const bool handshake = seen(socket->secure_state) == SecHandshake;
+  if (readable || (writable && handshake)) {
     if (seen(AsyncSocket::trace) != 0) {
       diagnostics().Print("%d AsyncSocket::MonitorThread - read, calling Poll, running %d", seen(socket->s),
                           seen(socket->running) ? 1 : 0);
     }
-    if (seen(socket->dont_read)) {
+    if (seen(socket->dont_read) && !handshake) {
       look_at(socket);
     } else if (seen(socket->running)) {
       socket->Poll();

@@ -117,6 +117,27 @@ class SocketRegistry {
   static bool waits_for_locked(pthread_t thread, pthread_t self, int depth);
 };
 
+/// A stay in the socket's TLS session, which is not deleted meanwhile. When another thread closes the socket, the session
+/// writes nowhere any more.
+class SessionUse {
+ public:
+  explicit SessionUse(AsyncSocket* socket);
+  /// Shares a session that the caller knows to be there.
+  explicit SessionUse(SSLInfo* session);
+  ~SessionUse();
+  SessionUse(const SessionUse&) = delete;
+  SessionUse& operator=(const SessionUse&) = delete;
+  /// null without one
+  SSLInfo* get() const { return session_; }
+  SSLInfo* operator->() const { return session_; }
+  /// What the socket's secure_state was when the stay began.
+  SecureState state() const { return state_; }
+
+ private:
+  SSLInfo* session_;
+  SecureState state_;
+};
+
 // ---- The monitor thread ------------------------------------------------------------------------------------
 
 /// Watches the indirect sockets. It waits in select() for two descriptors: its wake-up pipe, and an epoll descriptor
@@ -143,6 +164,8 @@ class SocketMonitor {
   /// Where to note a signal to the dispatcher that the monitor thread gives when it has dealt with several events, so
   /// that one wake-up serves them all; null when the caller is not dealing with any.
   static bool* signal_owed();
+  /// Gives such a signal now, when what comes next takes long.
+  static void signal_what_is_owed();
   /// Closes the wake-up pipe; when the thread has been joined.
   static void close_pipe();
 

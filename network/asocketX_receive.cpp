@@ -235,18 +235,19 @@ void AsyncSocket::Poll() {
     ProcessData(buf);
     return;
   }
-  if (seen(secure_state) == SecHandshake) {
-    constexpr int kNoSession = 1;
-    publish(state, int{SSDisconnected});
-    publish(running, false);
-    indicate_failure(kNoSession);
+  // The monitor thread polls what is ready; a thread of the socket's own waits further down.
+  if (urgent_ && seen(s) != -1) {
+    urgent_ = false;
+    drop_urgent_byte();
+    return;
+  }
+  if (seen(secure_state) == SecHandshake || was_never_secured()) {
+    lead_handshake();
     return;
   }
   if (seen(s) == -1) return;
-  // The monitor thread polls what is ready; a thread of the socket's own waits here.
-  if (urgent_) {
-    urgent_ = false;
-    drop_urgent_byte();
+  if (seen(secure_state) == SecSecure) {
+    receive_secured();
     return;
   }
   if (!indirect_socket && (!wait_until_readable() || !seen(running))) return;

@@ -52,6 +52,7 @@ OSIORetCode AsyncSocket::DataIndication(OSBuf* buf) {
     buf->Free();
     return NoConnection;
   }
+  if (is_to_be_secure()) return send_secured(buf);
   if (seen(trace) >= 2) {
     const Ends ends(this);
     diagnostics().Print("%d AsyncSocket::DataIndication - Sending %d bytes to %s:%u from %s:%u", seen(s),
