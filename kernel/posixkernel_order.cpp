@@ -21,12 +21,13 @@ struct Ranked {
 };
 
 /// Sections of the library's outer layers, outermost first, stand in front; see rank_outer_section.
-constexpr std::size_t kOuter = 2;
+constexpr std::size_t kOuter = 3;
 
 /// A thread that holds one of these may enter only those behind it. It is one line through the tree of
 /// docs/design.md: branches that never meet stand in some order. The first are filled in while the library is
 /// loaded, before there are threads.
 constinit std::array<Ranked, kOuter + 6> order{{
+    {nullptr, nullptr},
     {nullptr, nullptr},
     {nullptr, nullptr},
     {&OS_CRITICAL_TRIGGER, "OS_CRITICAL_TRIGGER"},

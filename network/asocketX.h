@@ -379,7 +379,7 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   bool queue_behind_early(OSBuf* buf, OSIORetCode* result);
   bool send_early_data_secured();
   void end_secured(int code);
-  void drop_session();
+  SSLInfo* take_session();
 
   // Ending (asocketX_end.cpp).
   void close_descriptors();

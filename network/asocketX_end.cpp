@@ -129,7 +129,12 @@ void AsyncSocket::Close() {
   join_own_thread();
   close_descriptors();
   publish(secure_state, int{SecClear});
-  drop_session();
+  if (SSLInfo* const session = take_session()) {
+    if (seen(trace) != 0) {
+      diagnostics().Print("%d AsyncSocket::Close - ssl_info %p", seen(s), static_cast<void*>(session));
+    }
+    SSLInfo::release(session);
+  }
   drop_queued();
   publish(listener, false);
   publish(state, int{SSInitial});
@@ -201,7 +206,7 @@ AsyncSocket::~AsyncSocket() {
   }
   stop_receiving();
   leave_registry();
-  drop_session();
+  if (SSLInfo* const session = take_session()) SSLInfo::release(session);
   delete startRetry;
   listenqtrigger.Cancel();
   qtrigger.Cancel();

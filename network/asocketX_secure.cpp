@@ -47,17 +47,13 @@ SessionUse::~SessionUse() {
   if (session_ != nullptr) SSLInfo::release(session_);
 }
 
-void AsyncSocket::drop_session() {
-  SSLInfo* session = nullptr;
-  {
-    const std::lock_guard<std::mutex> lock(send_mutex_);
-    session = ssl_info;
-    publish(ssl_info, static_cast<SSLInfo*>(nullptr));
-  }
-  if (session == nullptr) return;
-  if (seen(trace) != 0)
-    diagnostics().Print("%d AsyncSocket::Close - ssl_info %p", seen(s), static_cast<void*>(session));
-  SSLInfo::release(session);
+/// Takes the session from the socket, whose it was.
+///   returns   what is to be released, null without one
+SSLInfo* AsyncSocket::take_session() {
+  const std::lock_guard<std::mutex> lock(send_mutex_);
+  SSLInfo* const session = ssl_info;
+  publish(ssl_info, static_cast<SSLInfo*>(nullptr));
+  return session;
 }
 
 // ---- States ------------------------------------------------------------------------------------------------
@@ -301,13 +297,16 @@ OSIORetCode AsyncSocket::send_secured(OSBuf* buf) {
 }
 
 /// Gives what was queued to the session, in order, as long as that takes it without queueing itself.
-///   returns   whether all of it has gone; false when it is to be tried again
+///   returns   whether all of it has gone, or the socket has; false when it is to be tried again
 bool AsyncSocket::send_early_data_secured() {
+  // The buffers' callbacks are the application's; on the socket's own thread one may free it.
+  const SocketVisit visit(this, generation_);
   const SessionUse session(this);
   if (session.get() == nullptr || session.state() != SecSecure) return false;
   bool failed = false;
   for (;;) {
-    if (!failed && !session->flush()) return false;
+    if (!failed && !session->flush()) return visit.gone();
+    if (visit.gone()) return true;
     OSBuf* buf = nullptr;
     {
       const SectionLock lock(&local_cs);

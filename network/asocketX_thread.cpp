@@ -168,13 +168,14 @@ bool AsyncSocket::connect_blocking() {
 }
 
 void AsyncSocket::send_early_data_blocking(const SocketVisit& visit) {
-  if (seen(secure_state) == SecSecure) {
+  const bool secured = seen(secure_state) == SecSecure;
+  if (!secured && !sends_in_the_clear()) return;
+  if (seen(trace) != 0) diagnostics().Print("AsyncSocket::Main - Forwarding queued data");
+  if (secured) {
     while (seen(running) && seen(secure_state) == SecSecure && !send_early_data_secured())
       Sleep(kRoomWait_ms);
     return;
   }
-  if (!sends_in_the_clear()) return;
-  if (seen(trace) != 0) diagnostics().Print("AsyncSocket::Main - Forwarding queued data");
   for (;;) {
     OSBuf* buf = nullptr;
     {

@@ -136,6 +136,15 @@ bool SSLInfo::make_context(const char* cert, const char* key, const char* ca) {
 }
 
 int SSLInfo::Setup(ULONG new_options, char* name, const char* cert, const char* key, const char* ca) {
+  {
+    // Set up again, a session begins anew.
+    const std::lock_guard<std::mutex> lock(session_mutex_);
+    SSL_free(ssl);
+    ssl = nullptr;
+    rbio = wbio = nullptr;
+  }
+  SSL_CTX_free(ssl_ctx);
+  ssl_ctx = nullptr;
   options = new_options;
   if (name != nullptr) {
     std::free(peer_name);
