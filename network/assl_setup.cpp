@@ -68,7 +68,7 @@ int SSLInfo::Initialise(char* cert, char* key, char* ca) {
   seed_random(false);
   if (ssl_dhe1024 == nullptr) ssl_dhe1024 = get_dh1024();
   if (ssl_dhe1024 == nullptr) return -2;
-  lock_cs = install_thread_callbacks(pthreads_thread_id, pthreads_locking_callback);
+  if (lock_cs == nullptr) lock_cs = install_thread_callbacks(pthreads_thread_id, pthreads_locking_callback);
   if (lock_cs == nullptr) return -2;
   publish(initialised, true);
   return 0;
