@@ -251,6 +251,8 @@ void AsyncSocket::Poll() {
     return;
   }
   if (!indirect_socket && (!wait_until_readable() || !seen(running))) return;
+  if (seen(secure_state) != SecClear)
+    return;  // TLS has been started meanwhile: what waits belongs to its session
   int waiting = waiting_bytes();
   if (waiting == kNothing) return;
   OSBuf* const buf = waiting == kEnded ? OSBuf::Alloc(kControl_bytes) : receive_buffer(&waiting);

@@ -11,6 +11,7 @@
 #include "network/asocketX.h"
 #include "network/asocketX_priv.h"
 #include "network/assl.h"
+#include "network/assl_priv.h"
 
 namespace {
 
@@ -220,29 +221,35 @@ void AsyncSocket::receive_secured() {
   const SessionUse session(this);
   if (session.get() == nullptr) return;
   if (!indirect_socket && !session->has_pending() && (!wait_until_readable() || !seen(running))) return;
-  if (indirect_socket) session_holds_ = false;
+  bool pending = false;
   for (int reads = 0; reads < kMostReads; ++reads) {
     // A queue that is full, or a subclass that has enough: the rest stays where it is.
-    if (indirect_socket && (stop_reading() || input_held_)) break;
-    OSBuf* buf = nullptr;
-    bool no_buffer = false;
-    const int code = session->receive(&buf, &no_buffer);
-    if (code != 0) {
-      if (seen(running)) end_secured(code);  // else Close has shut the descriptor down
+    if (indirect_socket && (stop_reading() || input_held_)) {
+      pending = session->has_pending();
+      break;
+    }
+    const SSLInfo::Read got = session->read_some();
+    if (got.code != 0) {
+      if (seen(running)) end_secured(got.code);  // else Close has shut the descriptor down
       return;
     }
-    if (buf == nullptr) {
-      if (indirect_socket) session_holds_ = session->has_pending();
-      // The peer is to take something before it can be read on.
-      if (no_buffer || session->wants_write()) hold_back(false);
+    if (got.buf == nullptr) {
+      if (indirect_socket) session_holds_ = got.pending;
+      if (got.no_buffer || got.wants_write) hold_back(false);
       return;
     }
-    ProcessData(buf);
-    if (!indirect_socket) return;  // the partner may have freed it
+    const bool direct = !indirect_socket;
+    ProcessData(got.buf);
+    if (direct) return;  // the partner may have freed it
     if (!seen(running) || seen(ssl_info) != session.get()) return;
+    // The end of a record that came in several pieces is mostly that of what the peer has sent. Whatever else there is
+    // makes the descriptor ready again.
+    const bool end_of_long_record = pending && !got.pending;
+    pending = got.pending;
+    if (end_of_long_record) break;
   }
-  session_holds_ = session->has_pending();
-  if (session_holds_ && !seen(dont_read)) SocketMonitor::look_at(this);
+  session_holds_ = pending;
+  if (pending && !seen(dont_read)) SocketMonitor::look_at(this);
 }
 
 // ---- Sending -----------------------------------------------------------------------------------------------

@@ -28,6 +28,13 @@ constexpr ULONG kRefuseSelfSigned = 2;
 
 OSBuf* buffer_of(OSListObj* queued) { return static_cast<OSBuf*>(static_cast<OSLinkListObj*>(queued)); }
 
+/// Before a call whose result is classified: what earlier ones have left is not its own. Clearing an empty queue, as it
+/// mostly is, costs more than the look.
+void forget_errors() {
+  if (ERR_peek_error() != 0) ERR_clear_error();
+  errno = 0;
+}
+
 // ---- Who is alive ------------------------------------------------------------------------------------------
 
 /// The sessions that a retry may still find. A leaf lock; it is held over nothing but looks at `known`.
@@ -281,7 +288,7 @@ int SSLInfo::Handshake() {
       lines.add("SSLInfo::Handshake - ssl=0");
       return 1;
     }
-    ERR_clear_error();
+    forget_errors();
     const int r = server ? SSL_accept(ssl) : SSL_connect(ssl);
     if (r < 1) {
       const Outcome outcome = outcome_locked(server ? "SSL_accept" : "SSL_connect", r);
@@ -305,17 +312,19 @@ int SSLInfo::Handshake() {
 // ---- Reading -----------------------------------------------------------------------------------------------
 
 int SSLInfo::Recv(OSBuf** out) {
-  bool no_buffer = false;
-  return receive(out, &no_buffer);
+  const Read got = read_some();
+  *out = got.buf;
+  return got.code;
 }
 
-/// As Recv.
-///   no_buffer  set when there was none: what waits to be read still waits
-int SSLInfo::receive(OSBuf** out, bool* no_buffer) {
-  *out = nullptr;
+SSLInfo::Read SSLInfo::read_some() {
+  Read got;
   OSBuf* const buf = OSBuf::Alloc(kRead_bytes);
-  *no_buffer = buf == nullptr;
-  if (buf == nullptr) return 0;
+  if (buf == nullptr) {
+    got.no_buffer = true;
+    got.pending = has_pending();
+    return got;
+  }
   buf->PushDown(kRead_bytes);
   Lines lines;
   int n = 0;
@@ -326,8 +335,7 @@ int SSLInfo::receive(OSBuf** out, bool* no_buffer) {
       outcome.code = SSL_ERROR_SSL;
     } else {
       const auto read = [&] {
-        ERR_clear_error();
-        errno = 0;
+        forget_errors();
         n = SSL_read(ssl, buf->data, kRead_bytes);
         if (n > 0) return;
         outcome = outcome_locked("SSL_read", n);
@@ -339,26 +347,29 @@ int SSLInfo::receive(OSBuf** out, bool* no_buffer) {
         // Behind a stalled write an empty one would break the session. Once is enough: with a peer that does not read,
         // the descriptor takes nothing now, and the caller comes again.
         if (sendq.IsEmpty()) {
-          ERR_clear_error();
+          forget_errors();
           static_cast<void>(SSL_write(ssl, buf->data, 0));
           read();
         }
       }
+      got.pending = SSL_pending(ssl) > 0;
+      got.wants_write = n <= 0 && outcome.code == SSL_ERROR_WANT_WRITE;
     }
   }
   lines.print();
   if (n > 0) {
     buf->length = static_cast<UWORD>(n);
-    *out = buf;
-    return 0;
+    got.buf = buf;
+    return got;
   }
   buf->Free();
-  if (outcome.in_progress()) return 0;
+  if (outcome.in_progress()) return got;
   if (outcome.code == SSL_ERROR_SYSCALL) {
-    if (outcome.error == EAGAIN) return 0;
+    if (outcome.error == EAGAIN) return got;
     diagnostics().Print("SSLInfo::Recv SSL_read: SSL_ERROR_SYSCALL errno %d", outcome.error);
   }
-  return outcome.code;
+  got.code = outcome.code;
+  return got;
 }
 
 // ---- Writing -----------------------------------------------------------------------------------------------
@@ -377,8 +388,7 @@ OSIORetCode SSLInfo::DataIndication(OSBuf* buf) {
       return queued ? Success : NoConnection;
     }
     while (buf->length != 0) {
-      ERR_clear_error();
-      errno = 0;
+      forget_errors();
       const int n = SSL_write(ssl, buf->data, buf->length);
       if (n > 0) {
         buf->PullUp(static_cast<UWORD>(n));
@@ -409,8 +419,7 @@ SSLInfo::Retry SSLInfo::retry_once() {
   OSBuf* const buf = buffer_of(sendq.FirstObject());
   if (buf == nullptr) return retry;
   if (ssl != nullptr) {
-    ERR_clear_error();
-    errno = 0;
+    forget_errors();
     const int n = SSL_write(ssl, buf->data, buf->length);
     if (n <= 0) {
       const Outcome outcome = outcome_locked("SSL_write", n);
@@ -489,8 +498,8 @@ int SSLInfo::Stop() {
   if (seen(ssl_debug) != 0) diagnostics().Print("SSLInfo::Stop calling SSL_shutdown");
   const std::lock_guard<std::mutex> lock(session_mutex_);
   if (ssl == nullptr) return 0;
-  ERR_clear_error();
+  forget_errors();
   if (SSL_shutdown(ssl) == 0) static_cast<void>(SSL_shutdown(ssl));
-  ERR_clear_error();
+  forget_errors();
   return 0;
 }

@@ -116,6 +116,7 @@ class OSKERNEL_API SSLInfo {
   friend class SocketMonitor;
   class __attribute__((visibility("hidden"))) Lines;
   struct __attribute__((visibility("hidden"))) Outcome;
+  struct __attribute__((visibility("hidden"))) Read;
   struct __attribute__((visibility("hidden"))) Retry;
 
   // Setting up (assl_setup.cpp).
@@ -126,7 +127,7 @@ class OSKERNEL_API SSLInfo {
   // What has become of calls (assl.cpp).
   Outcome outcome_locked(const char* what, int ret) const;
   bool peer_is_accepted_locked(Lines* lines);
-  int receive(OSBuf** out, bool* no_buffer);
+  Read read_some();
   bool has_session();
   bool has_pending();
   bool wants_write();

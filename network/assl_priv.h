@@ -32,6 +32,15 @@ struct SSLInfo::Outcome {
   void describe(Lines* lines) const;
 };
 
+/// What a read has brought.
+struct SSLInfo::Read {
+  OSBuf* buf = nullptr;      ///< null when there is nothing now, or no buffer, or the session is over
+  int code = 0;              ///< the code that ended the session, as Recv returns it
+  bool no_buffer = false;    ///< the pool had none: what waits to be read still waits
+  bool pending = false;      ///< there is more that has left the descriptor already
+  bool wants_write = false;  ///< the descriptor is to take something before more can be read
+};
+
 /// What a retry of the send queue leaves to do outside the section.
 struct SSLInfo::Retry {
   Lines lines;
