@@ -196,11 +196,13 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   ///   returns   0
   ///   threads   one that starts no session of this socket meanwhile
   int SetCertificates(const char* cert_name, const char* key_name, const char* ca_name);
-  /// Starts TLS on a connected stream, by hand. Data in the receive queue stays clear data.
+  /// Starts TLS on a connected stream, by hand. Beware: what has been received before is delivered as data all the same,
+  /// in front of the session's own, and whoever stands in the middle may have put it there. A program that starts TLS
+  /// in the middle of a connection looks that nothing waits in q.
   ///   server     the accepting role. The client role waits up to 5 s for the connection to come up.
   ///   options, peer_name  as for SSLInfo::Setup
-  ///   returns    0 established; -1 refused, not set up, or the handshake goes on (then it is led by the thread that
-  ///              receives, which indicates its outcome); 1 the handshake has failed
+  ///   returns    0 established, and nothing is indicated for it; -1 refused, not set up, or the handshake goes on (then
+  ///              it is led by the thread that receives, which indicates its outcome); 1 the handshake has failed
   ///   threads    any, inside no section
   int StartSSL(bool server, ULONG options, char* peer_name);
   /// Sends the close notification and goes back to the clear. 0.

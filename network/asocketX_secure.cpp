@@ -153,8 +153,9 @@ int AsyncSocket::StartSSL(bool server, ULONG options, char* peer_name) {
   if (indirect_socket) SocketMonitor::look_at(this);
   if (unready != 0) return -1;
   diagnostics().Print("%d AsyncSocket::StartSSL - Handshake", fd);
-  const int result = session->Handshake();
-  if (result == 0) become_secure(made);
+  int result = session->Handshake();
+  // The thread that receives may have taken the last step in between: then it indicates the outcome, and not the caller.
+  if (result == 0 && !become_secure(made)) result = -1;
   if (indirect_socket) SocketMonitor::look_at(this);
   return result;
 }
@@ -221,7 +222,7 @@ void AsyncSocket::receive_secured() {
   const SessionUse session(this);
   if (session.get() == nullptr) return;
   if (!indirect_socket && !session->has_pending() && (!wait_until_readable() || !seen(running))) return;
-  bool pending = false;
+  bool pending = session_holds_;
   for (int reads = 0; reads < kMostReads; ++reads) {
     // A queue that is full, or a subclass that has enough: the rest stays where it is.
     if (indirect_socket && (stop_reading() || input_held_)) {
