@@ -15,11 +15,11 @@
 
 namespace oskernel_bench {
 
-const Implementation kImplementations[kImplementationCount] = {{"oskernel", serve_oskernel},
-                                                               {"libuv", serve_libuv},
-                                                               {"libevent", serve_libevent},
-                                                               {"asio", serve_asio},
-                                                               {"epoll", serve_epoll}};
+const Implementation kImplementations[kImplementationCount] = {{"oskernel", serve_oskernel, true},
+                                                               {"libuv", serve_libuv, false},
+                                                               {"libevent", serve_libevent, false},
+                                                               {"asio", serve_asio, true},
+                                                               {"epoll", serve_epoll, true}};
 
 namespace {
 
@@ -69,6 +69,14 @@ std::vector<Row> all_rows() {
   }
   rows.push_back(
       {"memory_per_connection/connections:5000", {Kind::kMemory, Protocol::kStream, 64, 0, 5000}, true});
+  for (const int connections : {1, 50}) {
+    for (const int size : {1400, 16384}) {
+      rows.push_back({name("tls_echo", size, connections),
+                      {Kind::kEcho, Protocol::kTls, size, connections, 0},
+                      size == 16384});
+    }
+  }
+  rows.push_back({name("tls_handshake", 64, 4), {Kind::kChurn, Protocol::kTls, 64, 4, 0}, true});
   return rows;
 }
 
@@ -147,6 +155,7 @@ int measure_all(const Arguments& arguments, std::vector<Row> rows) {
       for (int i = 0; i < kImplementationCount; ++i) {
         const Implementation& server = kImplementations[(i + repetition) % kImplementationCount];
         if (!std::regex_search(server.name, servers)) continue;
+        if (row.load.protocol == Protocol::kTls && !server.tls) continue;
         try {
           const Figures figures = measure(server, row.load, arguments.seconds);
           std::printf(

@@ -16,6 +16,7 @@ enum class Protocol {
   kStream,   // TCP: what comes goes back
   kPackets,  // TCP in packets of RFC 1006: each whole packet goes back as a packet
   kDatagrams,
+  kTls,  // TCP under TLS: what comes goes back
 };
 
 /// An echo server on 127.0.0.1.
@@ -24,6 +25,7 @@ struct Implementation {
   /// Calls announce() when it can be reached, and serves until its process is ended.
   ///   connections   the most that there will be at a time
   void (*serve)(Protocol protocol, int connections);
+  bool tls;  // serves Protocol::kTls, too
 };
 
 inline constexpr int kImplementationCount = 5;

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "network_bench.h"
+#include "network_bench_tls.h"
 
 namespace oskernel_bench {
 namespace {
@@ -69,6 +70,7 @@ void receive_datagram(udp::socket& socket) {
 }  // namespace
 
 void serve_asio(Protocol protocol, int) {
+  if (protocol == Protocol::kTls) return serve_tls_asio();
   served = protocol;
   boost::asio::io_context context(1);  // one thread: the library leaves its locks out
   const int s = open_server_socket(protocol);

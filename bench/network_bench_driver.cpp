@@ -10,14 +10,13 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <ctime>
-#include <fstream>
 #include <stdexcept>
 #include <utility>
 #include <vector>
 
 #include "network_bench.h"
 #include "network_bench_server.h"
+#include "network_bench_tls.h"
 
 namespace oskernel_bench {
 namespace {
@@ -42,22 +41,6 @@ constexpr unsigned kSourceAddresses = 16;
 
 [[noreturn]] void fail(const std::string& what) { throw std::runtime_error(what); }
 [[noreturn]] void fail_errno(const std::string& what) { fail(what + ": " + std::strerror(errno)); }
-
-/// Processor time of this process, in seconds.
-double own_seconds() {
-  timespec used{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-  return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) * 1e-9;
-}
-
-/// Processor time that all programs have taken, of all processors, in seconds.
-double machine_seconds() {
-  std::ifstream statistics("/proc/stat");
-  std::string word;
-  double user = 0, nice = 0, system = 0, idle = 0, iowait = 0, irq = 0, softirq = 0;
-  statistics >> word >> user >> nice >> system >> idle >> iowait >> irq >> softirq;
-  return (user + nice + system + irq + softirq) / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
 
 double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
@@ -363,6 +346,7 @@ Figures measure_memory(const ServerProcess& server, Driver& driver, std::size_t 
 }  // namespace
 
 Figures measure(const Implementation& implementation, const Load& load, double seconds) {
+  if (load.protocol == Protocol::kTls) return measure_tls(implementation, load, seconds);
   ServerProcess server(implementation, load.protocol, load.connections());
   try {
     Driver driver(load, server.port());
@@ -378,20 +362,15 @@ Figures measure(const Implementation& implementation, const Load& load, double s
       driver.exchange(seconds * kWarmUp);
     }
 
-    const double processor_before = server.processor_seconds();
-    const double machine_before = machine_seconds();
-    const double own_before = own_seconds();
+    const Usage before(server);
     const Clock::time_point start = Clock::now();
     const std::uint64_t completed = churn ? driver.churn(seconds) : driver.exchange(seconds);
     const double took = seconds_since(start);
-    const double own = own_seconds() - own_before;
-    const double processor = server.processor_seconds() - processor_before;
-    const double others = machine_seconds() - machine_before - own - processor;
-    const double all = took * static_cast<double>(sysconf(_SC_NPROCESSORS_ONLN));
+    Figures figures = before.figures(server, completed, took);
     driver.check_idle();
     if (completed == 0) fail("nothing came back in the time measured");
-    return {static_cast<double>(completed) / took, processor * 1e6 / static_cast<double>(completed),
-            own / took, std::clamp(others / all, 0.0, 1.0), driver.resent()};
+    figures.resent = driver.resent();
+    return figures;
   } catch (const std::exception& error) {
     usleep(50'000);  // a server that has crashed is not gone before its descriptors are closed
     throw std::runtime_error(std::string(error.what()) + "; " + server.condition());

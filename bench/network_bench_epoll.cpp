@@ -8,6 +8,7 @@
 #include <string>
 
 #include "network_bench.h"
+#include "network_bench_tls.h"
 
 namespace oskernel_bench {
 namespace {
@@ -117,6 +118,7 @@ class Server {
 }  // namespace
 
 void serve_epoll(Protocol protocol, int) {
+  if (protocol == Protocol::kTls) serve_tls_epoll();
   auto* const server = new Server(protocol);
   server->run();
 }

@@ -177,6 +177,42 @@ double ServerProcess::private_bytes() const {
   throw std::runtime_error("the system does not say how much memory the server has");
 }
 
+// ---- Processor time ----------------------------------------------------------------------------------------
+
+namespace {
+
+double own_seconds() {
+  timespec used{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+  return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) * 1e-9;
+}
+
+/// Of all programs and all processors.
+double machine_seconds() {
+  std::ifstream statistics("/proc/stat");
+  std::string word;
+  double user = 0, nice = 0, system = 0, idle = 0, iowait = 0, irq = 0, softirq = 0;
+  statistics >> word >> user >> nice >> system >> idle >> iowait >> irq >> softirq;
+  return (user + nice + system + irq + softirq) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+}  // namespace
+
+Usage::Usage(const ServerProcess& server)
+    : processor_(server.processor_seconds()), machine_(machine_seconds()), own_(own_seconds()) {}
+
+Figures Usage::figures(const ServerProcess& server, std::uint64_t completed, double seconds) const {
+  const double own = own_seconds() - own_;
+  const double processor = server.processor_seconds() - processor_;
+  const double others = machine_seconds() - machine_ - own - processor;
+  const double all = seconds * static_cast<double>(sysconf(_SC_NPROCESSORS_ONLN));
+  const auto count = static_cast<double>(completed);
+  return {count / seconds, completed > 0 ? processor * 1e6 / count : 0, own / seconds,
+          std::clamp(others / all, 0.0, 1.0), 0};
+}
+
+// ---- Limits ------------------------------------------------------------------------------------------------
+
 std::size_t allow_descriptors(std::size_t wanted) {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);

@@ -35,6 +35,19 @@ class ServerProcess {
   int status_ = 0;
 };
 
+/// Processor time at a moment: this process's, the server's, and everybody's.
+class Usage {
+ public:
+  explicit Usage(const ServerProcess& server);
+  /// What `completed` messages or connections have taken since then, in so many seconds.
+  Figures figures(const ServerProcess& server, std::uint64_t completed, double seconds) const;
+
+ private:
+  double processor_;
+  double machine_;
+  double own_;
+};
+
 /// Allows this process and its servers as many descriptors as the system grants, at best `wanted`.
 ///   returns   how many that are
 std::size_t allow_descriptors(std::size_t wanted);

@@ -8,7 +8,7 @@ PACKAGES_BUILD=(g++ cmake ninja-build libssl-dev)
 # port of its own; ./test starts them.
 PACKAGES_TEST=(libgtest-dev libgmock-dev
   iproute2 dnsmasq-base redis-server netcat-openbsd socat tshark openssl gnutls-bin)
-PACKAGES_EXAMPLES=(libcli11-dev nlohmann-json3-dev libfmt-dev libcsv-dev libboost-dev)
+PACKAGES_EXAMPLES=(libcli11-dev nlohmann-json3-dev libfmt-dev libcsv-dev libboost-dev openssl)
 PACKAGES_BENCH=(libbenchmark-dev libboost-dev libuv1-dev libevent-dev)
 PACKAGES_CHECK=(git clang-format clang-tidy python3)
 PACKAGES_FUZZ=(clang libclang-rt-14-dev)

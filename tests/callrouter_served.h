@@ -37,12 +37,13 @@ class Served {
     EXPECT_TRUE(wait_until([this] { return count_ports() == wanted_; }, kLimitMs)) << err_.so_far();
     tpkt = port_behind("serving tpkt on ");
     line = port_behind("serving lines on ");
+    tls = port_behind("serving tls lines on ");
   }
   ~Served() {
     if (!ended_) stops_cleanly();
   }
 
-  UWORD tpkt = 0, line = 0;
+  UWORD tpkt = 0, line = 0, tls = 0;
 
   void type(std::string_view text) { write_all(program_.in.get(), text); }
   void close_input() { program_.in.reset(); }
@@ -79,7 +80,7 @@ class Served {
     const auto count = [&](const char* name) {
       return static_cast<std::size_t>(std::count(arguments.begin(), arguments.end(), name));
     };
-    wanted_ = count("--tpkt") + count("--line");
+    wanted_ = count("--tpkt") + count("--line") + count("--tls");
     if (wanted_ == 0) wanted_ = 2;
     arguments.insert(arguments.begin(), "--serve");
     return arguments;

@@ -139,7 +139,7 @@ class Load : public Run {
         "{} malformed, {} wrong\n",
         grouped(latencies_us_.size()), latencies_us_.size() == 1 ? "" : "s",
         grouped(static_cast<std::uint64_t>(options_.connections)), options_.connections == 1 ? "" : "s",
-        callrouter::name_of(options_.framing), options_.pipeline, grouped(routed_), grouped(unroutable_),
+        callrouter::name_of(options_.offer), options_.pipeline, grouped(routed_), grouped(unroutable_),
         grouped(malformed_), grouped(wrong_));
     std::cout << fmt::format(
                      "{} calls a second in {:.3f} s; latency p50 {:.3f} ms, p99 {:.3f} ms, max {:.3f} ms\n",
@@ -151,7 +151,7 @@ class Load : public Run {
     const auto rounded = [](double value) { return std::round(value * 1000) / 1000; };
     const nlohmann::ordered_json json = {{"calls", latencies_us_.size()},
                                          {"connections", options_.connections},
-                                         {"framing", callrouter::name_of(options_.framing)},
+                                         {"framing", callrouter::name_of(options_.offer)},
                                          {"pipeline", options_.pipeline},
                                          {"routed", routed_},
                                          {"unroutable", unroutable_},

@@ -6,10 +6,12 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <optional>
 #include <string>
 
 #include "examples/callroute/options.h"
 #include "examples/callroute/run.h"
+#include "examples/callroute/tls.h"
 #include "examples/callrouter/kernel_run.h"
 #include "examples/callrouter/network_pools.h"
 #include "examples/callrouter/plan.h"
@@ -22,7 +24,12 @@ using callroute::Options;
 // The library's remarks in passing are not for the user of this program; what it warns of is.
 class QuietConsole : public OSConsole {
  public:
-  void vPrint(const char*, va_list) override {}
+  // Part of it is why a session has failed.
+  void vPrint(const char* format, va_list arguments) override {
+    char text[2048];
+    vsnprintf(text, sizeof text, format, arguments);
+    callroute::TlsWords::hear(text);
+  }
   void Warning(WarningType, const char* format, va_list arguments) override {
     log("warning", format, arguments);
   }
@@ -53,6 +60,8 @@ int run(const Options& options) {
 
   QuietConsole console;
   const callrouter::KernelRun kernel(console, cfg);
+  std::optional<callroute::TlsClient> tls;
+  if (callrouter::is_secure(options.offer)) tls.emplace(options);
   const callrouter::NetworkRun network;
   bool looking_up = false;
   const int exit_code = options.load > 0 ? callroute::generate_load(options, looking_up)

@@ -20,6 +20,7 @@ inline constexpr int kExitUnknownHost = 3;   ///< the name has no address
 inline constexpr int kExitNoConnection = 4;  ///< refused, or not to be reached
 inline constexpr int kExitDisconnected = 5;  ///< the connection ended before the last answer
 inline constexpr int kExitTimeout = 6;       ///< no connection or no answer in time
+inline constexpr int kExitNoSession = 7;     ///< TLS was not established: not trusted, or no TLS there
 inline constexpr int kExitFatal = 70;        ///< EX_SOFTWARE: the kernel reported a fatal error
 
 /// No number is longer, however it is spelled; and no message buffer holds much more.
@@ -29,7 +30,10 @@ struct Options {
   std::string host;
   std::uint16_t port = 0;
   std::vector<std::string> numbers;  ///< empty: they come from standard input
-  callrouter::Framing framing = callrouter::Framing::kLines;
+  callrouter::Offer offer = callrouter::Offer::kLines;
+  std::string ca;          ///< the CAs that the router is verified against; empty for the system's
+  std::string cert, key;   ///< both or none
+  std::string peer_name;   ///< the subject that the router must have; empty for any
   std::uint64_t load = 0;  ///< calls to generate; 0: ask the numbers
   int connections = 1;
   int pipeline = 1;  ///< calls that one connection has on the way

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <iterator>
 
+#include "examples/callroute/tls.h"
 #include "kernel/buffer.h"
 #include "network/asocket.h"
+#include "network/assl.h"
 
 namespace callroute {
 namespace {
@@ -22,8 +24,14 @@ OSBuf* buffer(std::string_view bytes) {
 
 class LinePeer : public Peer, private LineSocket {
  public:
-  LinePeer(Events& events, int index) : Peer(events, index), LineSocket(kLineBytes) {
+  LinePeer(const Options& options, Events& events, int index)
+      : Peer(events, index), LineSocket(kLineBytes), options_(options) {
     callrouter::send_without_delay(*socket);
+  }
+
+  // A socket that is freed closes its session without a word, which the router takes for an accident.
+  ~LinePeer() override {
+    if (tls_ == Tls::kEstablished) socket->StopSSL();
   }
 
   void connect(const std::string& host, UWORD port) override { Connect(host.c_str(), port); }
@@ -53,15 +61,62 @@ class LinePeer : public Peer, private LineSocket {
   }
 
  private:
+  enum class Tls { kNone, kStarted, kEstablished };
+
+  bool securing() const override { return tls_ == Tls::kStarted; }
+
+  // Comes once more when TLS is established. A socket that is `secure` would start TLS by itself, but accept any
+  // router that is self-signed or has another name.
   OSIORetCode ConnectIndication(OSIOAddress*) override {
-    events_.on_connected(*this);
-    return Success;
+    if (!callrouter::is_secure(options_.offer)) return connected();
+    if (tls_ == Tls::kStarted) return established();
+    tls_ = Tls::kStarted;
+    std::string name = options_.peer_name;
+    const int result = socket->StartSSL(false, kRefuseSelfSigned, name.empty() ? nullptr : name.data());
+    if (result > 0) return not_established();
+    if (heard_in_the_clear()) return spoke_in_the_clear();
+    return result == 0 ? established() : Success;  // the socket goes on with the handshake
   }
   OSIORetCode DisconnectIndication(OSIOReason reason, int code) override {
     events_.on_closed(*this, reason, code);
     return Success;
   }
-  void Receive(char* text) override { events_.on_answer(*this, text); }
+  void Receive(char* text) override {
+    if (securing()) {
+      spoke_in_the_clear();
+    } else {
+      events_.on_answer(*this, text);
+    }
+  }
+
+  // What was received before StartSSL waits in the socket's queue, in front of the session's first word. Half a line of it
+  // would be taken for the beginning of the first answer.
+  bool heard_in_the_clear() {
+    EnterCriticalSection(&socket->local_cs);
+    const auto* first = static_cast<OSBuf*>(static_cast<OSLinkListObj*>(socket->q.FirstObject()));
+    const bool heard = first != nullptr && first->length != 0;
+    LeaveCriticalSection(&socket->local_cs);
+    return heard;
+  }
+  OSIORetCode connected() {
+    events_.on_connected(*this);
+    return Success;
+  }
+  OSIORetCode established() {
+    tls_ = Tls::kEstablished;
+    return connected();
+  }
+  OSIORetCode not_established() {
+    events_.on_closed(*this, Failed, SSL_ERROR_SSL);
+    return Success;
+  }
+  OSIORetCode spoke_in_the_clear() {
+    TlsWords::hear_own("the router speaks in the clear; does the port serve TLS?");
+    return not_established();
+  }
+
+  const Options& options_;
+  Tls tls_ = Tls::kNone;
 };
 
 class PacketPeer : public Peer, private OSIO {
@@ -106,8 +161,9 @@ class PacketPeer : public Peer, private OSIO {
 
 }  // namespace
 
-std::unique_ptr<Peer> Peer::make(Framing framing, Events& events, int index) {
-  if (framing == Framing::kLines) return std::make_unique<LinePeer>(events, index);
+std::unique_ptr<Peer> Peer::make(const Options& options, Events& events, int index) {
+  if (callrouter::framing_of(options.offer) == Framing::kLines)
+    return std::make_unique<LinePeer>(options, events, index);
   return std::make_unique<PacketPeer>(events, index);
 }
 

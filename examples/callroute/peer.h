@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "examples/callroute/options.h"
 #include "examples/callrouter/connection.h"
 #include "kernel/io.h"
 #include "kernel/types.h"
@@ -25,8 +26,8 @@ class Peer {
     virtual void on_closed(Peer& peer, OSIOReason reason, int code) = 0;
   };
 
-  /// Lends `events`. `index` is the caller's.
-  static std::unique_ptr<Peer> make(callrouter::Framing framing, Events& events, int index);
+  /// Lends `options` and `events`. `index` is the caller's.
+  static std::unique_ptr<Peer> make(const Options& options, Events& events, int index);
 
   virtual ~Peer() = default;
   Peer(const Peer&) = delete;
@@ -42,6 +43,8 @@ class Peer {
   virtual std::string as_received(std::string_view answer) const = 0;
 
   int index() const { return index_; }
+  /// Connected, and TLS is being established. on_closed() then tells that it was not: `code` is no errno value.
+  virtual bool securing() const { return false; }
 
  protected:
   Peer(Events& events, int index) : events_(events), index_(index) {}

@@ -2,11 +2,13 @@
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
+#include <openssl/ssl.h>
 
 #include <cstring>
 #include <iostream>
 #include <utility>
 
+#include "examples/callroute/tls.h"
 #include "kernel/kernel.h"
 
 namespace callroute {
@@ -58,7 +60,7 @@ void Run::fail(int exit_code, std::string text) {
 
 void Run::connect() {
   Line& line = lines_.emplace_back();
-  line.peer = Peer::make(options_.framing, *this, static_cast<int>(lines_.size()) - 1);
+  line.peer = Peer::make(options_, *this, static_cast<int>(lines_.size()) - 1);
   line.connecting = true;
   line.connecting_since = Clock::now();
   looking_up_ = host_is_name() && lines_.size() == 1;
@@ -81,6 +83,7 @@ void Run::on_connected(Peer& peer) {
 
 void Run::on_answer(Peer& peer, std::string_view answer) {
   if (done_) return;
+  heard_ = true;
   Line& line = lines_[static_cast<std::size_t>(peer.index())];
   if (!line.calls.empty()) {
     const Call call = std::move(line.calls.front());
@@ -99,6 +102,10 @@ void Run::on_answer(Peer& peer, std::string_view answer) {
 void Run::on_closed(Peer& peer, OSIOReason reason, int code) {
   if (done_) return;
   const Line& line = lines_[static_cast<std::size_t>(peer.index())];
+  if (peer.securing()) {
+    const std::string why = TlsWords::last();
+    return fail(kExitNoSession, fmt::format("{}: no TLS{}{}", target(), why.empty() ? "" : ": ", why));
+  }
   if (!line.connected) {
     // Every other failure to connect has a number.
     if (reason == Failed && code == 0 && host_is_name()) {
@@ -108,7 +115,18 @@ void Run::on_closed(Peer& peer, OSIOReason reason, int code) {
     return fail(kExitNoConnection,
                 fmt::format("{}: {}", target(), code != 0 ? std::strerror(code) : "no connection"));
   }
-  if (reason == Normal) return fail(kExitDisconnected, fmt::format("{} has closed the connection", target()));
+  // Over TLS the code is OpenSSL's.
+  const bool secure = callrouter::is_secure(options_.offer);
+  if (reason == Normal || (secure && code == SSL_ERROR_ZERO_RETURN)) {
+    return fail(kExitDisconnected, fmt::format("{} has closed the connection", target()));
+  }
+  if (secure) {
+    // A router that verifies its clients does so when TLS is established for the client already.
+    std::string why = code == SSL_ERROR_SSL ? TlsWords::last() : "";
+    if (why.empty() && !heard_) why = "the router may have refused the client's certificate";
+    return fail(kExitDisconnected,
+                fmt::format("{}: the connection broke{}{}", target(), why.empty() ? "" : ": ", why));
+  }
   fail(kExitDisconnected, fmt::format("{}: the connection broke{}{}", target(), code != 0 ? ": " : "",
                                       code != 0 ? std::strerror(code) : ""));
 }
@@ -127,10 +145,13 @@ void Run::check_times() {
   const Clock::time_point now = Clock::now();
   for (const Line& line : lines_) {
     if (line.connecting && now - line.connecting_since > limit) {
-      return fail(kExitTimeout,
-                  looking_up_ ? fmt::format("{}: no address was found within {:g} s", options_.host,
-                                            options_.timeout_s)
-                              : fmt::format("{}: no connection within {:g} s", target(), options_.timeout_s));
+      return fail(
+          kExitTimeout,
+          looking_up_
+              ? fmt::format("{}: no address was found within {:g} s", options_.host, options_.timeout_s)
+          : line.peer->securing()
+              ? fmt::format("{}: no TLS within {:g} s; does the port serve it?", target(), options_.timeout_s)
+              : fmt::format("{}: no connection within {:g} s", target(), options_.timeout_s));
     }
     if (!line.calls.empty() && now - line.calls.front().sent_at > limit) {
       return fail(kExitTimeout, fmt::format("{}: no answer within {:g} s", target(), options_.timeout_s));

@@ -80,6 +80,7 @@ class Run : public Peer::Events {
   std::unique_ptr<OSTimerTrigger> tick_;
   bool done_ = false;
   bool looking_up_ = false;
+  bool heard_ = false;  // the router has answered something
   int exit_code_ = kExitOk;
   std::string failure_;
   std::string remark_;  // what the router has said without being asked

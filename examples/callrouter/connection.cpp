@@ -14,6 +14,7 @@
 #include "examples/callrouter/window.h"
 #include "kernel/buffer.h"
 #include "network/asocket.h"
+#include "network/assl.h"
 
 namespace callrouter {
 namespace {
@@ -24,6 +25,10 @@ constexpr std::size_t kPieceBytes = 1400;
 
 // With hundreds of peers that send without end, each of the others is served within some ten milliseconds.
 constexpr int kTurn = 64;
+
+// StartSSL's options (assl.h).
+constexpr ULONG kVerifyClients = 1;
+constexpr ULONG kRefuseSelfSigned = 2;
 
 // The descriptor belongs to the socket, whose monitor thread closes it when a frame is broken.
 int descriptor(const AsyncSocket& socket) {
@@ -39,14 +44,19 @@ std::string address_of(AsyncSocket& socket) {
 
 const char* name_of(Framing framing) { return framing == Framing::kLines ? "lines" : "tpkt"; }
 
+const char* name_of(Offer offer) {
+  return offer == Offer::kTlsLines ? "tls lines" : name_of(framing_of(offer));
+}
+
 void send_without_delay(AsyncSocket& socket) {
   const int on = 1;
   setsockopt(descriptor(socket), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
-Connection::Connection(const Means& means, Framing framing, AsyncSocket* socket, std::uint32_t number)
+Connection::Connection(const Means& means, Offer offer, AsyncSocket* socket, std::uint32_t number)
     : means_(means),
-      framing_(framing),
+      offer_(offer),
+      framing_(framing_of(offer)),
       socket_(socket),
       number_(number),
       peer_(address_of(*socket)),
@@ -59,9 +69,28 @@ Connection::Connection(const Means& means, Framing framing, AsyncSocket* socket,
   send_without_delay(*socket_);
 }
 
-Connection::~Connection() { socket_->Free(); }
+// A socket that is freed closes its session without a word, which its peer takes for an accident.
+Connection::~Connection() {
+  if (established_) socket_->StopSSL();
+  socket_->Free();
+}
 
-void Connection::start() { socket_->ConnectAck(); }
+void Connection::start() {
+  if (is_secure(offer_) && means_.verify_clients) return start_verifying();
+  socket_->ConnectAck();
+}
+
+// What ConnectAck does for a secure socket, but that it asks no client for a certificate.
+void Connection::start_verifying() {
+  std::atomic_ref(socket_->state).store(SSConnected);
+  const int result = socket_->StartSSL(true, kVerifyClients | kRefuseSelfSigned, nullptr);
+  if (result > 0) {
+    DisconnectIndication(Failed, SSL_ERROR_SSL);
+    return;
+  }
+  if (result == 0) ConnectIndication(nullptr);
+  socket_->StartTask();  // the socket leads what is left of the handshake
+}
 
 int Connection::queued() const {
   EnterCriticalSection(&socket_->local_cs);
@@ -84,11 +113,24 @@ OSIORetCode Connection::DataIndication(OSBuf* buf) {
   return Success;
 }
 
+// Nothing is received on a secure connection before this, and on a plain one it does not come. It may come twice when
+// two threads have had a part in the handshake.
+OSIORetCode Connection::ConnectIndication(OSIOAddress*) {
+  if (established_) return Success;
+  established_ = true;
+  Stats::count(means_.stats.tls_sessions);
+  return Success;
+}
+
 // A peer that has ended its own sending still reads. One that is gone does not, and a broken frame leaves no way
 // to tell what followed it.
-OSIORetCode Connection::DisconnectIndication(OSIOReason reason, int) {
+OSIORetCode Connection::DisconnectIndication(OSIOReason reason, int code) {
   peer_ended_ = true;
-  if (reason != Normal) {
+  if (is_secure(offer_) && !established_) Stats::count(means_.stats.tls_failures);
+  // The peer has closed its session in good order; it may read on, as behind a plain connection's end.
+  const bool orderly =
+      reason == Normal || (established_ && reason == Failed && code == SSL_ERROR_ZERO_RETURN);
+  if (!orderly) {
     end();
   } else if (!held()) {
     turn_left_ = kTurn;
@@ -246,6 +288,10 @@ std::size_t Connection::send_piece(std::string_view piece) {
 // what it sent last (nc -N does so): they go to the descriptor itself, past the socket. Inside AsyncSocket::cs
 // nobody closes it meanwhile.
 std::size_t Connection::send_after_peer_ended(std::string_view piece) {
+  if (is_secure(offer_)) {
+    if (send_through_session(piece)) return piece.size();
+    return end(), 0;
+  }
   std::string wire;
   if (framing_ == Framing::kPackets) {
     const std::size_t len = piece.size() + 4;  // RFC 1006 section 6
@@ -260,6 +306,15 @@ std::size_t Connection::send_after_peer_ended(std::string_view piece) {
   if (framing_ == Framing::kLines) return static_cast<std::size_t>(sent);
   if (static_cast<std::size_t>(sent) < wire.size()) end();  // there was room for it
   return piece.size();
+}
+
+// Nothing leaves a secure connection in the clear, at its end neither. The socket's session lives as long as the
+// socket.
+bool Connection::send_through_session(std::string_view piece) {
+  SSLInfo* const session = std::atomic_ref(socket_->ssl_info).load();
+  if (!established_ || session == nullptr) return false;
+  OSBuf* buf = OSBuf::Alloc(reinterpret_cast<const UBYTE*>(piece.data()), static_cast<int>(piece.size()));
+  return buf != nullptr && session->DataIndication(buf) == Success;
 }
 
 }  // namespace callrouter

@@ -30,6 +30,17 @@ enum class Framing {
 
 const char* name_of(Framing framing);
 
+/// What a port serves. The secure ones are the same inside a TLS session.
+enum class Offer { kPackets, kLines, kTlsLines };
+
+inline constexpr Offer kOffers[] = {Offer::kPackets, Offer::kLines, Offer::kTlsLines};
+
+const char* name_of(Offer offer);
+inline Framing framing_of(Offer offer) {
+  return offer == Offer::kPackets ? Framing::kPackets : Framing::kLines;
+}
+inline bool is_secure(Offer offer) { return offer == Offer::kTlsLines; }
+
 /// Requests come up from the socket, pass the router and go down again as answers, in their order:
 ///
 ///   socket --OSBuf--> Connection --line--> RouterLayer --answer--> AnswerLayer --OSBuf--> socket
@@ -58,10 +69,11 @@ class Connection : public OSIO {
     Stats& stats;
     const std::atomic<bool>& tracing;
     Keeper& keeper;
+    bool verify_clients = false;  ///< TLS: only clients with a certificate of the CA are served
   };
 
   /// Takes the socket and binds above it; lends the rest. `number` tells the connection from others, from 1.
-  Connection(const Means& means, Framing framing, AsyncSocket* socket, std::uint32_t number);
+  Connection(const Means& means, Offer offer, AsyncSocket* socket, std::uint32_t number);
   /// Closes the connection. Not from inside an indication of its own.
   ~Connection() override;
 
@@ -69,6 +81,7 @@ class Connection : public OSIO {
   void start();
 
   OSIORetCode DataIndication(OSBuf* buf) override;
+  OSIORetCode ConnectIndication(OSIOAddress* address) override;
   OSIORetCode DisconnectIndication(OSIOReason reason, int code) override;
 
   /// Goes on with a connection that is held; it may be held again at once.
@@ -81,7 +94,7 @@ class Connection : public OSIO {
 
   // What the operator sees. Any thread, while the connection lives.
   std::uint32_t number() const { return number_; }
-  Framing framing() const { return framing_; }
+  Offer offer() const { return offer_; }
   const std::string& peer() const { return peer_; }
   std::uint64_t answered() const { return answered_.load(std::memory_order_relaxed); }
   bool waiting() const { return hold_.load(std::memory_order_relaxed) == Hold::kNoRoom; }  ///< for its peer
@@ -102,6 +115,7 @@ class Connection : public OSIO {
 
   enum class Hold { kNone, kTurnOver, kNoRoom };
 
+  void start_verifying();
   bool held() const { return hold_.load(std::memory_order_relaxed) != Hold::kNone; }
   void hold(Hold why);
   void work();
@@ -112,9 +126,11 @@ class Connection : public OSIO {
   bool room_to_send() const;
   std::size_t send_piece(std::string_view piece);
   std::size_t send_after_peer_ended(std::string_view piece);
+  bool send_through_session(std::string_view piece);
   void active();
 
   const Means means_;
+  const Offer offer_;
   const Framing framing_;
   AsyncSocket* const socket_;
   const std::uint32_t number_;
@@ -125,6 +141,7 @@ class Connection : public OSIO {
   std::deque<std::string> input_;  // received, not looked at: the rest of a segment, or packets
   std::string out_;                // answered, not sent
   int turn_left_ = 0;              // requests that are looked at before the others are served
+  bool established_ = false;       // TLS: the handshake is done
   bool peer_ended_ = false;        // answers what it has, then ends
   bool socket_ended_ = false;      // the socket takes nothing more: out_ holds what goes on the wire
   bool ended_ = false;

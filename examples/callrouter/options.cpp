@@ -26,10 +26,12 @@ Standard error gets the progress of a long input and the summary.
 A plan is a CSV file with the columns prefix, destination and gateway.
 
 With --serve, numbers come over the network instead: as text lines (one number each, ended by CR, LF or CR LF;
-try nc or telnet), as packets of RFC 1006, or both; every request gets its answer, in order. The ports that the
-system has chosen stand on standard output, "serving lines on ADDR:PORT" and "serving tpkt on ADDR:PORT". It goes
-on until a signal or the operator's quit; standard input is the operator's, and its end ends nothing unless it is
-a terminal.
+try nc or telnet), as packets of RFC 1006, as text lines over TLS (try openssl s_client), or several of these; every
+request gets its answer, in order. The ports that the system has chosen stand on standard output, "serving lines on
+ADDR:PORT", "serving tpkt on ADDR:PORT", "serving tls lines on ADDR:PORT". It goes on until a signal or the operator's
+quit; standard input is the operator's, and its end ends nothing unless it is a terminal.
+
+--tls needs --cert and --key, and they are read again for each connection. TLS 1.2 and 1.3 are served.
 
 Exit codes: 0 every line was answered, or serving has ended as asked; 1 the answers could not be written, or
 serving left something behind; 2 the command line, the plan, an input or a port is in error; 128 + N ended by
@@ -61,12 +63,34 @@ std::optional<Options> read_options(int argc, const char* const* argv, int& exit
       ->type_name("PORT")
       ->check(CLI::Range(0, 65535))
       ->needs(serve_flag);
-  app.add_option(
-         "--line", serve.line_port,
-         "Port for text lines. Without --tpkt and --line both are served, on ports the system chooses")
+  app.add_option("--line", serve.line_port,
+                 "Port for text lines. Without --tpkt, --line and --tls the first two are served, on ports "
+                 "the system "
+                 "chooses")
       ->type_name("PORT")
       ->check(CLI::Range(0, 65535))
       ->needs(serve_flag);
+  auto* tls =
+      app.add_option("--tls", serve.tls_port, "Port for text lines over TLS; 0 lets the system choose")
+          ->type_name("PORT")
+          ->check(CLI::Range(0, 65535))
+          ->needs(serve_flag);
+  auto* cert = app.add_option("--cert", serve.cert, "Certificate chain of the TLS port, PEM")
+                   ->type_name("FILE")
+                   ->needs(tls);
+  auto* key = app.add_option("--key", serve.key, "Its private key, PEM, not encrypted")
+                  ->type_name("FILE")
+                  ->needs(tls);
+  tls->needs(cert)->needs(key);
+  auto* ca =
+      app.add_option("--ca", serve.ca, "Certificates of the CAs that clients are verified against, PEM")
+          ->type_name("FILE")
+          ->needs(tls);
+  app.add_flag(
+         "--verify-clients", serve.verify_clients,
+         "Serve over TLS only clients with a certificate of one of these CAs; self-signed ones are refused")
+      ->needs(tls)
+      ->needs(ca);
   app.add_option("--bind", serve.address, "Address to serve, 0.0.0.0 for every one of this machine")
       ->type_name("ADDR")
       ->capture_default_str()
@@ -88,7 +112,7 @@ std::optional<Options> read_options(int argc, const char* const* argv, int& exit
     if (options.serving && !options.inputs.empty()) {
       throw CLI::ValidationError("--serve", "takes its numbers from the network, not from files");
     }
-    if (!serve.tpkt_port && !serve.line_port) serve.tpkt_port = serve.line_port = 0;
+    if (!serve.tpkt_port && !serve.line_port && !serve.tls_port) serve.tpkt_port = serve.line_port = 0;
     if (serve.address.empty()) throw CLI::ValidationError("--bind", "needs an address");
     if (options.inputs.empty() && !options.console && !options.serving) options.inputs.emplace_back("-");
     const auto standard_inputs = std::count(options.inputs.begin(), options.inputs.end(), "-");

@@ -18,8 +18,10 @@
 #include "examples/callrouter/server.h"
 #include "examples/callrouter/session.h"
 #include "examples/callrouter/signals.h"
+#include "examples/callrouter/tls_files.h"
 #include "examples/callrouter/window.h"
 #include "network/asocket.h"
+#include "network/assl.h"
 
 namespace callrouter {
 namespace {
@@ -82,9 +84,9 @@ class Server {
 };
 
 void announce(const ServerTask& server, const std::string& address) {
-  for (const Framing framing : {Framing::kPackets, Framing::kLines}) {
-    if (const int port = server.port(framing)) {
-      std::cout << "serving " << name_of(framing) << " on " << address << ':' << port << '\n';
+  for (const Offer offer : kOffers) {
+    if (const int port = server.port(offer)) {
+      std::cout << "serving " << name_of(offer) << " on " << address << ':' << port << '\n';
     }
   }
   std::cout << std::flush;
@@ -115,9 +117,25 @@ ServeOptions fitting(const ServeOptions& options) {
   return fitting;
 }
 
+// The files are each connection's, for as long as the program runs. SSLInfo keeps the names.
+void prepare_tls(const ServeOptions& serve) {
+  static std::string cert, key, ca;
+  cert = serve.cert, key = serve.key, ca = serve.ca;
+  if (SSLInfo::Initialise(cert.data(), key.data(), ca.data()) != 0) {
+    throw UsageError("--tls: OpenSSL cannot be used");
+  }
+}
+
+void check_tls_files(const ServeOptions& serve) {
+  if (!serve.ca.empty()) check_ca(serve.ca);
+  const std::string remark = check_certificate(serve.cert, serve.key);
+  if (!remark.empty()) std::cerr << "callrouter: " << remark << std::endl;
+}
+
 void run(const Options& options, Leftovers& leftovers) {
   const std::unique_ptr<Plan> plan = options.plan.empty() ? default_plan() : load_plan(options.plan);
   const std::unique_ptr<Formatter> formatter = make_formatter(Format::kText);
+  if (options.serve.tls_port) check_tls_files(options.serve);
   const ServeOptions serve = fitting(options.serve);
 
   Stop stop;
@@ -129,6 +147,7 @@ void run(const Options& options, Leftovers& leftovers) {
   Summary summary{};
   {
     const NetworkRun network;
+    if (serve.tls_port) prepare_tls(serve);
     const std::uint32_t address = resolve(serve.address, stop);
     const Server server({*plan, *formatter, stats, console.tracing()}, serve, address);
     announce(server.task(), dotted(address));

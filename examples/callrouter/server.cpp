@@ -89,9 +89,9 @@ ServerTask::ServerTask(const Means& means, const ServeOptions& options, std::uin
 
 std::string ServerTask::wait_until_open() { return opened_.get_future().get(); }
 
-int ServerTask::port(Framing framing) const {
+int ServerTask::port(Offer offer) const {
   for (const Listener& listener : listeners_) {
-    if (listener.port != 0 && listener.framing == framing) return listener.port;
+    if (listener.port != 0 && listener.offer == offer) return listener.port;
   }
   return 0;
 }
@@ -133,22 +133,24 @@ void ServerTask::make_timers() {
 // ---- listeners ----------------------------------------------------------------------------------------------
 
 std::string ServerTask::open() {
+  const std::optional<int> ports[] = {options_.tpkt_port, options_.line_port, options_.tls_port};
+  static_assert(std::size(ports) == std::size(kOffers));
   std::string error;
-  if (options_.tpkt_port) error = open(listeners_[0], Framing::kPackets, *options_.tpkt_port);
-  if (options_.line_port && error.empty()) {
-    error = open(listeners_[1], Framing::kLines, *options_.line_port);
+  for (std::size_t i = 0; i < listeners_.size() && error.empty(); ++i) {
+    if (ports[i]) error = open(listeners_[i], kOffers[i], *ports[i]);
   }
   return error;
 }
 
-std::string ServerTask::open(Listener& listener, Framing framing, int port) {
+std::string ServerTask::open(Listener& listener, Offer offer, int port) {
   listener.server = this;
-  listener.framing = framing;
-  listener.socket = framing == Framing::kPackets ? new RequestSocket : new AsyncSocket(true);
+  listener.offer = offer;
+  listener.socket = framing_of(offer) == Framing::kPackets ? new RequestSocket : new AsyncSocket(true);
+  listener.socket->secure = is_secure(offer);  // and so is every socket that it accepts
   int error = listener.socket->Create(SOCK_STREAM, static_cast<UWORD>(port), address_, true);
   if (error == 0) error = listener.socket->Listen(on_connection, &listener);
   if (error != 0) {
-    return fmt::format("cannot serve {} on {}:{}: {}", name_of(framing), dotted(address_), port,
+    return fmt::format("cannot serve {} on {}:{}: {}", name_of(offer), dotted(address_), port,
                        std::strerror(error));
   }
   limit_buffers(listener.socket->s);
@@ -160,23 +162,26 @@ std::string ServerTask::open(Listener& listener, Framing framing, int port) {
 
 void ServerTask::on_connection(OSObj* listener, ADDR socket, ULONG) {
   const auto* from = reinterpret_cast<Listener*>(listener);
-  from->server->accept(from->framing, static_cast<AsyncSocket*>(socket));
+  from->server->accept(from->offer, static_cast<AsyncSocket*>(socket));
 }
 
-void ServerTask::accept(Framing framing, AsyncSocket* socket) {
+Connection::Means ServerTask::means(Connection::Keeper& keeper) const {
+  return {means_.plan, means_.formatter, means_.stats, means_.tracing, keeper, options_.verify_clients};
+}
+
+void ServerTask::accept(Offer offer, AsyncSocket* socket) {
   if (connections_.size() - ended_.size() >= static_cast<std::size_t>(options_.connections)) {
+    // To say so over TLS would take a handshake, which costs more than a connection that is served.
+    if (is_secure(offer)) return socket->Free();
     Nobody nobody;
-    Connection refused({means_.plan, means_.formatter, means_.stats, means_.tracing, nobody}, framing, socket,
-                       0);
+    Connection refused(means(nobody), offer, socket, 0);
     refused.start();
     refused.remark(fmt::format("error: the limit of {} connection{} is reached; try again later",
                                grouped(static_cast<std::uint64_t>(options_.connections)),
                                options_.connections == 1 ? "" : "s"));
     return;
   }
-  auto connection = std::make_unique<Connection>(
-      Connection::Means{means_.plan, means_.formatter, means_.stats, means_.tracing, *this}, framing, socket,
-      ++number_);
+  auto connection = std::make_unique<Connection>(means(*this), offer, socket, ++number_);
   Connection& made = *connection;
   {
     const std::lock_guard lock(mutex_);
@@ -277,7 +282,7 @@ std::vector<ServerTask::Listed> ServerTask::connections() const {
     const std::lock_guard lock(mutex_);
     const ULONG now = os_clock();
     for (const auto& connection : connections_) {
-      all.push_back({connection->number(), connection->framing(), connection->peer(), connection->answered(),
+      all.push_back({connection->number(), connection->offer(), connection->peer(), connection->answered(),
                      now - connection->active_at(), connection->queued(), connection->waiting()});
     }
   }

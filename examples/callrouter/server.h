@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <future>
+#include <iterator>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -24,6 +25,9 @@ namespace callrouter {
 struct ServeOptions {
   std::optional<int> line_port;  ///< nothing: no lines are served; 0: the system chooses
   std::optional<int> tpkt_port;
+  std::optional<int> tls_port;
+  std::string cert, key, ca;  ///< PEM files of the TLS port
+  bool verify_clients = false;
   std::string address = "127.0.0.1";  ///< dotted text or a host name
   int connections = 1000;             ///< the most at the same time
   double idle_s = 60;                 ///< a connection that answers nothing for so long is closed
@@ -49,7 +53,7 @@ class ServerTask : public OSTask, private Connection::Keeper {
   ///   returns   what went wrong, empty when nothing did
   std::string wait_until_open();
   /// The port that is served, 0 for none. After wait_until_open().
-  int port(Framing framing) const;
+  int port(Offer offer) const;
 
   /// Closes listeners and connections and ends the task. The caller then kills and deletes the task.
   void stop();
@@ -58,7 +62,7 @@ class ServerTask : public OSTask, private Connection::Keeper {
 
   struct Listed {
     std::uint32_t number;
-    Framing framing;
+    Offer offer;
     std::string peer;
     std::uint64_t answered;
     std::uint32_t idle_ms;
@@ -74,17 +78,18 @@ class ServerTask : public OSTask, private Connection::Keeper {
 
   struct Listener {
     ServerTask* server = nullptr;
-    Framing framing = Framing::kLines;
+    Offer offer = Offer::kLines;
     AsyncSocket* socket = nullptr;
     int port = 0;
   };
 
   void make_timers();
   std::string open();
-  std::string open(Listener& listener, Framing framing, int port);
+  std::string open(Listener& listener, Offer offer, int port);
   void close_all();
   void bury();
-  void accept(Framing framing, AsyncSocket* socket);
+  Connection::Means means(Connection::Keeper& keeper) const;
+  void accept(Offer offer, AsyncSocket* socket);
 
   static void on_connection(OSObj* listener, ADDR socket, ULONG);
   static void on_idle_timer(OSObj* server, ADDR, ULONG);
@@ -104,7 +109,7 @@ class ServerTask : public OSTask, private Connection::Keeper {
   std::promise<std::string> opened_;
   std::atomic<bool> stopping_{false};
   // The task's own.
-  std::array<Listener, 2> listeners_;
+  std::array<Listener, std::size(kOffers)> listeners_;
   std::unique_ptr<OSTimerTrigger> idle_timer_;
   std::unique_ptr<OSTimerTrigger> room_timer_;
   // Fired for what follows: it stands on the ready list behind the others who are to be served, and no connection

@@ -179,9 +179,9 @@ void Session::timers(std::string_view) {
 void Session::sockets(std::string_view) {
   if (subjects_.server == nullptr) return console_.say(kNotServing);
   std::string text;
-  for (const Framing framing : {Framing::kPackets, Framing::kLines}) {
-    if (const int port = subjects_.server->port(framing)) {
-      text += fmt::format("serving {} on port {}\n", name_of(framing), port);
+  for (const Offer offer : kOffers) {
+    if (const int port = subjects_.server->port(offer)) {
+      text += fmt::format("serving {} on port {}\n", name_of(offer), port);
     }
   }
   const auto all = subjects_.server->connections();
@@ -192,9 +192,9 @@ void Session::sockets(std::string_view) {
         fmt::format("{:>6}  {:<6} {:<22} {:>10} {:>7} {:>9}\n", "", "", "peer", "answered", "queued", "idle");
   }
   for (const auto& one : all) {
-    text += fmt::format("{:>6}  {:<6} {:<22} {:>10} {:>7} {:>7} s{}\n", one.number, name_of(one.framing),
-                        one.peer, grouped(one.answered), one.queued, one.idle_ms / 1000,
-                        one.waiting ? "  does not read its answers" : "");
+    text += fmt::format("{:>6}  {:<6} {:<22} {:>10} {:>7} {:>7} s{}\n", one.number,
+                        is_secure(one.offer) ? "tls" : name_of(one.offer), one.peer, grouped(one.answered),
+                        one.queued, one.idle_ms / 1000, one.waiting ? "  does not read its answers" : "");
   }
   console_.say(text);
 }

@@ -27,7 +27,12 @@ std::string Summary::text() const {
                        grouped(static_cast<std::uint64_t>(pool.quantity)), pool.size);
     separator = ", ";
   }
-  return out + "\n";
+  out += "\n";
+  if (tls_sessions + tls_failures > 0) {
+    out += fmt::format("TLS: {} session{}, {} handshake{} failed\n", grouped(tls_sessions),
+                       tls_sessions == 1 ? "" : "s", grouped(tls_failures), tls_failures == 1 ? "" : "s");
+  }
+  return out;
 }
 
 std::string Summary::json() const {
@@ -51,6 +56,8 @@ Summary summarize(const Stats& stats) {
   summary.routed = stats.routed.load(std::memory_order_relaxed);
   summary.unroutable = stats.unroutable.load(std::memory_order_relaxed);
   summary.malformed = stats.malformed.load(std::memory_order_relaxed);
+  summary.tls_sessions = stats.tls_sessions.load(std::memory_order_relaxed);
+  summary.tls_failures = stats.tls_failures.load(std::memory_order_relaxed);
   summary.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - stats.started).count();
   EnterCriticalSection(&OS_CRITICAL_BUFFERS);
   for (std::size_t i = 0; i < summary.pools.size(); ++i) {

@@ -17,6 +17,8 @@ struct Stats {
   std::atomic<std::uint64_t> unroutable{0};
   std::atomic<std::uint64_t> malformed{0};
   std::atomic<std::uint64_t> bytes_read{0};
+  std::atomic<std::uint64_t> tls_sessions{0};
+  std::atomic<std::uint64_t> tls_failures{0};  ///< connections that were not to become sessions
   const std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
 
   std::uint64_t answered() const {
@@ -39,10 +41,11 @@ struct Summary {
   std::uint64_t routed, unroutable, malformed;
   double seconds;
   std::array<Pool, 4> pools;
+  std::uint64_t tls_sessions = 0, tls_failures = 0;
 
   std::uint64_t numbers() const { return routed + unroutable + malformed; }
   std::uint64_t per_second() const;
-  std::string text() const;  ///< two lines
+  std::string text() const;  ///< two lines, one more with TLS
   std::string json() const;  ///< one line
 };
 
