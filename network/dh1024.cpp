@@ -43,27 +43,14 @@ DH* get_dh1024() {
 }
 
 int use_group(SSL_CTX* context, DH* group) {
-#if OPENSSL_VERSION_NUMBER >= 0x30000000L
   if (group == nullptr) return static_cast<int>(SSL_CTX_set_tmp_dh(context, group));
-  // SSL_CTX_set_tmp_dh(3) would examine the group anew for each context, which takes longer than the whole handshake.
-  // One that is kept here stays referenced, so that its address is no other's.
+  // A group that is kept here stays referenced, so that its address is no other's.
   static std::mutex mutex;
   static auto& keys = *new std::unordered_map<DH*, EVP_PKEY*>;  // never destroyed
   const std::lock_guard<std::mutex> lock(mutex);
   EVP_PKEY*& key = keys[group];
-  if (key == nullptr) {
-    key = EVP_PKEY_new();
-    if (key == nullptr || EVP_PKEY_set1_DH(key, group) != 1) {
-      EVP_PKEY_free(key);
-      keys.erase(group);
-      return 0;
-    }
-  }
-  EVP_PKEY_up_ref(key);
-  if (SSL_CTX_set0_tmp_dh_pkey(context, key) == 1) return 1;
-  EVP_PKEY_free(key);
-  return 0;
-#else
-  return static_cast<int>(SSL_CTX_set_tmp_dh(context, group));
-#endif
+  if (key == nullptr) key = EVP_PKEY_new();
+  if (key == nullptr || (EVP_PKEY_base_id(key) == EVP_PKEY_NONE && EVP_PKEY_set1_DH(key, group) != 1))
+    return 0;
+  return set_group(context, key, group);
 }

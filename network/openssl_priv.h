@@ -17,6 +17,23 @@ inline X509* peer_certificate(const SSL* ssl) {
 #endif
 }
 
+/// Gives a context its Diffie-Hellman group. SSL_CTX_set_tmp_dh(3) of OpenSSL 3 examines the group anew for each context,
+/// which takes longer than the whole handshake; one that is a key already has been examined.
+///   key       the group as a key; shares
+///   returns   1; 0 when the security level refuses it
+inline int set_group(SSL_CTX* context, EVP_PKEY* key, DH* group) {
+#if OPENSSL_VERSION_NUMBER >= 0x30000000L
+  static_cast<void>(group);
+  EVP_PKEY_up_ref(key);
+  const int done = SSL_CTX_set0_tmp_dh_pkey(context, key);
+  if (done != 1) EVP_PKEY_free(key);
+  return done;
+#else
+  static_cast<void>(key);
+  return static_cast<int>(SSL_CTX_set_tmp_dh(context, group));
+#endif
+}
+
 /// From now on the peer can start no handshake over on this connection.
 inline void forbid_renegotiation(SSL* ssl) { SSL_set_options(ssl, SSL_OP_NO_RENEGOTIATION); }
 

@@ -9,9 +9,11 @@
 #include <openssl/err.h>
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -72,6 +74,19 @@ inline Watched& watched() {
   return *kept;
 }
 
+inline time_t real_time_of_day() {
+  timespec real = {};
+  clock_gettime(CLOCK_REALTIME, &real);
+  return real.tv_sec;
+}
+
+/// What everybody in this program takes for the time of day. It stands still: what the library keeps of a file that has
+/// not changed for a while does not depend on how slow the machine is.
+inline std::atomic<time_t>& time_of_day() {
+  static std::atomic<time_t> now{real_time_of_day()};
+  return now;
+}
+
 /// What RAND_seed has been given.
 struct Seed {
   std::string bytes;
@@ -103,6 +118,11 @@ inline void raise_error() { ERR_raise(ERR_LIB_SSL, ERR_R_INTERNAL_ERROR); }
   }
 
 extern "C" {
+__attribute__((visibility("default"))) time_t time(time_t* out) {
+  const time_t now = oskernel_test::time_of_day().load();
+  if (out != nullptr) *out = now;
+  return now;
+}
 INTERPOSE(SSL_CTX*, SSL_CTX_new, (const SSL_METHOD* method), (method), nullptr)
 INTERPOSE(void, SSL_CTX_set_security_level, (SSL_CTX * context, int level), (context, level), )
 INTERPOSE(void, SSL_CTX_set_default_passwd_cb, (SSL_CTX * context, pem_password_cb* callback),
