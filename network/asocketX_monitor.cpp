@@ -329,8 +329,7 @@ void SocketMonitor::update_locked(AsyncSocket* socket) {
     socket->Poll();
   }
   // Nobody else would find out: the peer waits for us.
-  if (seen(socket->running) && seen(socket->state) == SSConnected && socket->was_never_secured())
-    socket->Poll();
+  if (socket->indirect_socket && seen(socket->running) && socket->was_never_secured()) socket->Poll();
   if (!socket->indirect_socket || !seen(socket->running) || seen(socket->s) == -1) {
     unwatch_locked(socket);
     return;
