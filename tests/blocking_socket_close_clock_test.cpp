@@ -10,6 +10,7 @@ namespace oskernel_test {
 namespace {
 
 using ::testing::AllOf;
+using ::testing::ElementsAre;
 using ::testing::Ge;
 using ::testing::Le;
 
@@ -66,6 +67,23 @@ TEST_F(BlockingSocketCloseClock, ADrainThatFindsTheEndInTimeGoesOnTillThen) {
   });
   wrapped->Close();
   EXPECT_EQ(reads.count(), 5);
+}
+
+TEST_F(BlockingSocketCloseClock, APeerThatIsSilentForWhatIsLeftIsGivenUp) {
+  FakeClock::set(1000);
+  Wrapped<> wrapped;
+  wrapped.peer.close();
+  ScriptedWaits waits(wrapped->s, {{Wait::kReadable}, {Wait::kNothing}}, ScriptedWaits::kThenTheLastAgain);
+  const ScriptedReads reads(wrapped->s, [](int, void*, size_t) -> ssize_t {
+    FakeClock::advance(700);
+    errno = EAGAIN;
+    return -1;
+  });
+  wrapped->Close();
+  EXPECT_EQ(wrapped->s, -1);
+  EXPECT_EQ(reads.count(), 2) << "nothing has come, so nothing is read";
+  EXPECT_THAT(waits.times_ms(), ElementsAre(4300, 3600));
+  EXPECT_THAT(said(), ::testing::IsEmpty());
 }
 
 }  // namespace

@@ -354,6 +354,28 @@ TEST_F(BlockingSocketCreate, TheAddressIsAskedWhenItIsNotThere) {
   wire.peer.close();
 }
 
+TEST_F(BlockingSocketCreate, APortThatTheSystemDoesNotTellIsZeroWithoutALine) {
+  WirePair wire;
+  sockaddr_in remote = loopback_address(wire.peer.local_port());
+  Socket socket(Socket::TCP_SERVER, wire.fd, &remote, static_cast<int>(sizeof remote));
+  socket.local_sin = {};
+  calls().getsockname.replace([](auto, int, sockaddr*, socklen_t*) {
+    errno = EIO;
+    return -1;
+  });
+  EXPECT_EQ(socket.LocalPort(), 0);
+  EXPECT_THAT(said(), IsEmpty());
+  calls().getsockname.restore();
+  const UWORD port = socket.LocalPort();
+  EXPECT_EQ(port, local_port_of(wire.fd)) << "asked again";
+  calls().getsockname.replace([](auto, int, sockaddr*, socklen_t*) {
+    ADD_FAILURE() << "once it is known, nobody is asked";
+    return -1;
+  });
+  EXPECT_EQ(socket.LocalPort(), port);
+  wire.peer.close();
+}
+
 TEST_F(BlockingSocketCreate, AnAddressPrintsAsItsFourNumbers) {
   WirePair wire;
   sockaddr_in remote = loopback_address(7, "203.0.113.254");

@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <vector>
 
 #include "support/blocking_fixture.h"
 #include "support/interposed_calls.h"
 
 using namespace oskernel_test;
+using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
@@ -53,6 +55,53 @@ TEST_F(BlockingSocketInterrupted, AConnectThatWentOnInTheBackgroundMayBeThereAlr
   EXPECT_EQ(connects, 2);
   EXPECT_EQ(socket.state, Socket::CONNECTED);
   EXPECT_THAT(said(), IsEmpty());
+}
+
+TEST_F(BlockingSocketInterrupted, ConnectWaitsWithoutLimitForWhatWentOnInTheBackground) {
+  PeerListener listener;
+  Socket socket(Socket::TCP_CLIENT, 0, false, kLoopback);
+  const int fd = socket.s;
+  int connects = 0;
+  calls().connect.replace([&connects](auto real, int s, const sockaddr* to, socklen_t length) -> int {
+    if (++connects > 2) return real(s, to, length);
+    errno = connects == 1 ? EINPROGRESS : EALREADY;
+    return -1;
+  });
+  std::vector<int> waits_ms;
+  calls().poll.replace([&waits_ms, fd](auto real, pollfd* fds, nfds_t count, int timeout_ms) -> int {
+    if (count != 1 || fds[0].fd != fd) return real(fds, count, timeout_ms);
+    EXPECT_EQ(fds[0].events, POLLOUT);
+    waits_ms.push_back(timeout_ms);
+    fds[0].revents = POLLOUT;
+    return 1;
+  });
+  socket.Connect(kLoopback, listener.port());
+  EXPECT_THAT(waits_ms, ElementsAre(-1, -1));
+  EXPECT_EQ(connects, 3);
+  EXPECT_EQ(socket.state, Socket::CONNECTED);
+  EXPECT_THAT(said(), IsEmpty());
+}
+
+TEST_F(BlockingSocketInterrupted, ASignalEndsTheWaitOfConnectWithItsError) {
+  PeerListener listener;
+  const UWORD port = listener.port();
+  Socket socket(Socket::TCP_CLIENT, 0, false, kLoopback);
+  const int fd = socket.s;
+  calls().connect.replace([](auto, int, const sockaddr*, socklen_t) -> int {
+    errno = EINPROGRESS;
+    return -1;
+  });
+  calls().poll.replace([fd](auto real, pollfd* fds, nfds_t count, int timeout_ms) -> int {
+    if (count != 1 || fds[0].fd != fd) return real(fds, count, timeout_ms);
+    errno = EINTR;
+    return -1;
+  });
+  socket.Connect(kLoopback, port);
+  EXPECT_EQ(socket.state, Socket::READY) << "as it was";
+  EXPECT_EQ(socket.s, fd);
+  EXPECT_THAT(said(),
+              ElementsAre(line("Socket::Connect(addr,port) connect() error %d to %08x:%u from %08x:%u", EINTR,
+                               kLoopback, port, kLoopback, local_port_of(fd))));
 }
 
 TEST_F(BlockingSocketInterrupted, AnAddressWithoutALengthIsNotTaken) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/blocking_calls.h"
@@ -94,6 +95,43 @@ TEST_F(BlockingSocketReceiveFailure, AnUnknownNumberOfBytesIsReported) {
   EXPECT_EQ(wrapped->state, Socket::INVALID);
   EXPECT_THAT(said(), ElementsAre(line("Socket::RecWait: ioctlsocket(FIONREAD) %d", EIO)));
   wrapped.peer.close();
+}
+
+TEST_F(BlockingSocketReceiveFailure, ANumberThatIsNoDescriptorIsAWaitThatFails) {
+  Wrapped<> wrapped;
+  const int descriptor = std::exchange(wrapped->s, 987);  // as if somebody else had closed it
+  ASSERT_EQ(fcntl(wrapped->s, F_GETFD), -1);
+  errno = 0;
+  EXPECT_EQ(wrapped->RecWait(0), nullptr);
+  EXPECT_EQ(wrapped->state, Socket::CONNECTED);
+  EXPECT_THAT(said(), ElementsAre(line("Socket::RecWait: select() %d", EBADF)));
+  UBYTE bytes[3];
+  EXPECT_EQ(wrapped->RecWait(bytes, 3), 1) << "both sets stay as they were";
+  EXPECT_EQ(wrapped->state, Socket::INVALID);
+  EXPECT_THAT(said(), ElementsAre("Socket::RecWait: exception condition on socket"));
+  wrapped->s = descriptor;
+  wrapped.peer.close();
+}
+
+TEST_F(BlockingSocketReceiveFailure, ADatagramThatComesBehindTheQuestionIsNotDropped) {
+  PeerUdp peer;
+  Socket socket(Socket::UDP, 0, false, kLoopback);
+  ASSERT_TRUE(peer.send_to(socket.LocalPort(), "kept"));
+  ASSERT_TRUE(wait_readable(socket.s));
+  // Nothing waited when the system was asked how much.
+  blocking_calls.system.replace(
+      [](auto real, long number, long fd, long request, long argument, long d, long e, long f) -> long {
+        if (number != SYS_ioctl || request != FIONREAD) {
+          return real(number, fd, request, argument, d, e, f);
+        }
+        *reinterpret_cast<int*>(argument) = 0;
+        return 0;
+      });
+  EXPECT_EQ(socket.RecWait(0), nullptr);
+  EXPECT_EQ(socket.state, Socket::INVALID);
+  blocking_calls.system.restore();
+  EXPECT_EQ(taken(socket.RecWait(0)), "kept");
+  EXPECT_THAT(said(), IsEmpty());
 }
 
 TEST_F(BlockingSocketReceiveFailure, AReceiveThatFailsIsReportedAndItsBufferFreed) {

@@ -218,6 +218,62 @@ TEST_F(BlockingSocketReceive, AnEmptyDatagramCountsAsTheEnd) {
   EXPECT_EQ(taken(socket.RecWait(kPatienceMs)), "next");
 }
 
+TEST_F(BlockingSocketReceive, AnErrorThatWaitsAtADatagramSocketCountsAsTheEnd) {
+  PeerUdp peer;
+  Socket socket(Socket::UDP, 0, false, kLoopback);
+  {
+    // The peer's port stays taken, by a socket that hears nobody but itself: what comes from others is refused.
+    PeerUdp deaf;
+    const sockaddr_in itself = loopback_address(deaf.port());
+    ASSERT_EQ(connect(deaf.fd(), reinterpret_cast<const sockaddr*>(&itself), sizeof itself), 0);
+    socket.Connect(kLoopback, deaf.port());
+    EXPECT_EQ(socket.state, Socket::CONNECTED);
+    for (const bool byte_form : {false, true}) {
+      SCOPED_TRACE(byte_form);
+      socket.state = Socket::CONNECTED;
+      EXPECT_EQ(socket.DataIndication(buffer_of("refused")), Success);
+      ASSERT_TRUE(wait_for_events(socket.s, POLLERR));
+      UBYTE bytes[4];
+      if (byte_form) {
+        EXPECT_EQ(socket.RecWait(bytes, 4), -1);
+      } else {
+        EXPECT_EQ(socket.RecWait(kPatienceMs), nullptr);
+      }
+      EXPECT_EQ(socket.state, Socket::INVALID);
+      EXPECT_THAT(said(), IsEmpty());
+    }
+  }
+  socket.Connect(kLoopback, peer.port());
+  ASSERT_TRUE(peer.send_to(socket.LocalPort(), "next"));
+  EXPECT_EQ(taken(socket.RecWait(kPatienceMs)), "next");
+}
+
+TEST_F(BlockingSocketReceive, AStreamThatIsNotConnectedIsAtItsEnd) {
+  Socket socket(Socket::TCP_CLIENT, 0, false, kLoopback);
+  EXPECT_EQ(socket.RecWait(kPatienceMs), nullptr);
+  EXPECT_EQ(socket.state, Socket::INVALID);
+  UBYTE bytes[4];
+  EXPECT_EQ(socket.RecWait(bytes, 4), -1);
+  EXPECT_THAT(said(), IsEmpty());
+}
+
+TEST_F(BlockingSocketReceive, AListenerThatHasAConnectionCannotBeReadFrom) {
+  Socket listener(Socket::TCP_SERVER, 0, true, kLoopback);
+  EXPECT_EQ(listener.RecWait(0), nullptr);
+  EXPECT_EQ(listener.state, Socket::READY);
+  EXPECT_THAT(said(), IsEmpty());
+  PeerStream peer = PeerStream::connect_to(listener.LocalPort());
+  EXPECT_EQ(listener.RecWait(kPatienceMs), nullptr);
+  EXPECT_EQ(listener.state, Socket::INVALID);
+  EXPECT_THAT(said(), ElementsAre(line("Socket::RecWait: ioctlsocket(FIONREAD) %d", EINVAL)));
+  UBYTE bytes[4];
+  EXPECT_EQ(listener.RecWait(bytes, 4), -1);
+  EXPECT_THAT(said(), ElementsAre(line("Socket::RecWait: ioctlsocket(FIONREAD) %d", EINVAL)));
+  const std::unique_ptr<Socket> accepted(listener.Accept());
+  ASSERT_NE(accepted, nullptr) << "the connection waits still";
+  peer.close();
+}
+
 // ---- Urgent data -----------------------------------------------------------------------------------------------
 
 TEST_F(BlockingSocketReceive, UrgentDataIsAnExceptionalCondition) {

@@ -357,6 +357,38 @@ TEST_F(BlockingSocketSend, WhatIsQueuedStaysAtCloseAndGoesWithTheSocket) {
   EXPECT_EQ(buffers_out(), 0);
 }
 
+TEST_F(BlockingSocketSend, TheQueueCountsTheBytesThatItHolds) {
+  Wrapped<FlushProbe> wrapped;
+  std::vector<ULONG> left;
+  wrapped->hook = [&] { left.push_back(wrapped->queue.Length()); };
+  for (const char* text : {"one", "", "three"}) wrapped->Queue(buffer_of(text));
+  EXPECT_EQ(wrapped->queue.Length(), 8U);
+  EXPECT_EQ(wrapped->queue.Size(), 3);
+  wrapped->FlushQueue(false);
+  EXPECT_THAT(left, ElementsAre(5U, 5U, 0U));
+  EXPECT_THAT(wrapped->flushed, ElementsAre("one", "", "three"));
+  wrapped.peer.close();
+}
+
+TEST_F(BlockingSocketSend, ABufferThatIsQueuedElsewhereStaysThereAndIsNotCounted) {
+  Wrapped<> first, second;
+  OSBuf* const buf = buffer_of("once");
+  first->Queue(buf);
+  EXPECT_EQ(second->Queue(buf), 0);
+  EXPECT_EQ(second->queue.Size(), 0);
+  EXPECT_EQ(second->queue.Length(), 0U);
+  EXPECT_EQ(first->queue.Length(), 4U);
+  EXPECT_EQ(console.fatals().size(), 1U) << "the list's own report";
+  console.clear();
+  EXPECT_EQ(second->FlushQueue(false), 0);
+  EXPECT_EQ(second.peer.receive_now(), "");
+  first->FlushQueue(false);
+  EXPECT_EQ(first.peer.receive(4), "once");
+  EXPECT_EQ(buffers_out(), 0);
+  first.peer.close();
+  second.peer.close();
+}
+
 TEST_F(BlockingSocketSend, TheQueueIsACompressibleStreamThatDoesNotOwn) {
   Wrapped<> wrapped;
   EXPECT_EQ(wrapped->queue.compressible, 1);

@@ -476,6 +476,81 @@ TEST_F(SecureSocketOutcome, EveryQueuedErrorOfAWriteIsPrinted) {
   EXPECT_THAT(said(), ElementsAre("SSL_write error", text(SSL_R_BAD_LENGTH), text(SSL_R_BAD_DATA)));
 }
 
+TEST_F(SecureSocketOutcome, EveryCallBeginsWithoutTheErrorsOfOthers) {
+  OSKERNEL_IN_NETWORK_NAMESPACE();
+  put_files();
+  Served served = served_connection();
+  said();
+  const auto leave_errors = [] {
+    queue_openssl_error(ERR_LIB_SSL, kReason);
+    errno = EIO;
+  };
+  UBYTE bytes[4];
+  {
+    // What fails without an error of its own has none.
+    ScriptedSession session(served->ssl);
+    session.pending(3);
+    session.read({0, SSL_ERROR_SYSCALL});
+    leave_errors();
+    EXPECT_EQ(served->RecWait(0), nullptr);
+    EXPECT_THAT(said(), ElementsAre(rec("SSL_read error SYSCALL - EOF")));
+    session.write({-1, SSL_ERROR_SSL});
+    leave_errors();
+    EXPECT_EQ(served->DataIndication(buffer_of("data")), Success);
+    EXPECT_THAT(said(), ElementsAre("SSL_write error"));
+  }
+  ScriptedWaits waits(served->s, {{Wait::kReadable}, {Wait::kReadable}});
+  int peeks = 0;
+  session_calls.peek.replace([&](auto real, SSL* s, void* at, int count) {
+    if (s != served->ssl) return real(s, at, count);
+    ++peeks;
+    EXPECT_EQ(ERR_peek_error(), 0U);
+    EXPECT_EQ(errno, 0);
+    return 0;
+  });
+  session_calls.get_error.replace([](auto, const SSL*, int) { return SSL_ERROR_SYSCALL; });
+  leave_errors();
+  EXPECT_EQ(served->RecWait(0), nullptr);
+  EXPECT_THAT(said(), ElementsAre(rec("SSL_read error SYSCALL - EOF")));
+  leave_errors();
+  EXPECT_EQ(served->RecWait(bytes, 4), -1);
+  EXPECT_THAT(said(), IsEmpty());
+  EXPECT_EQ(peeks, 2);
+  int reads = 0;
+  session_calls.pending.replace([&](auto real, const SSL* s) { return s == served->ssl ? 3 : real(s); });
+  session_calls.read.replace([&](auto real, SSL* s, void* at, int count) {
+    if (s != served->ssl) return real(s, at, count);
+    ++reads;
+    EXPECT_EQ(ERR_peek_error(), 0U);
+    EXPECT_EQ(errno, 0);
+    return 0;
+  });
+  leave_errors();
+  EXPECT_EQ(served->RecWait(0), nullptr);
+  EXPECT_EQ(reads, 1);
+  session_calls.pending.restore();
+  session_calls.read.restore();
+  session_calls.peek.restore();
+  session_calls.get_error.restore();
+}
+
+TEST_F(SecureSocketOutcome, AnErrorOfAnotherCallDoesNotBreakAReadOfAPartOfARecord) {
+  OSKERNEL_IN_NETWORK_NAMESPACE();
+  put_files();
+  Served served = served_connection();
+  said();
+  ASSERT_TRUE(served.peer->write("whole"));
+  const std::string record = served.peer->take_flight();
+  served.peer->stream().send_all(record.substr(0, record.size() - 1));
+  ASSERT_TRUE(wait_readable(served->s));
+  queue_openssl_error(ERR_LIB_SSL, kReason);
+  EXPECT_EQ(served->RecWait(0), nullptr);
+  EXPECT_EQ(served->state, Socket::CONNECTED);
+  served.peer->stream().send_all(record.substr(record.size() - 1));
+  EXPECT_EQ(taken(served->RecWait(kPatienceMs)), "whole");
+  EXPECT_THAT(said(), IsEmpty());
+}
+
 TEST_F(SecureSocketOutcome, WhatAnotherCallLeftQueuedIsNotTakenForThisOnes) {
   OSKERNEL_IN_NETWORK_NAMESPACE();
   put_files();

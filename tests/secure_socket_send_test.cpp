@@ -144,6 +144,29 @@ TEST_F(SecureSocketSend, AFullConnectionLosesWhatItCannotTake) {
   }
 }
 
+TEST_F(SecureSocketSend, AWriteWaitsForAPeerThatIsSlowToRead) {
+  OSKERNEL_IN_NETWORK_NAMESPACE();
+  put_files();
+  Served served = served_connection();
+  said();
+  const int room = 65536;
+  setsockopt(served->s, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+  setsockopt(served.peer->stream().fd(), SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+  const timeval long_time = {60, 0};
+  setsockopt(served->s, SOL_SOCKET, SO_SNDTIMEO, &long_time, sizeof long_time);
+  constexpr std::size_t kPieces = 1000;
+  const std::string piece = numbered_bytes(1500);
+  WatchedThread writing([&] {
+    for (std::size_t i = 0; i < kPieces; ++i) served->DataIndication(buffer_of(piece));
+  });
+  EXPECT_TRUE(writing.blocked());
+  std::string expected;
+  for (std::size_t i = 0; i < kPieces; ++i) expected += piece;
+  EXPECT_TRUE(served.peer->receive(expected.size()) == expected) << "nothing is lost meanwhile";
+  EXPECT_TRUE(writing.finished_within(kPatienceMs));
+  EXPECT_THAT(said(), IsEmpty());
+}
+
 TEST_F(SecureSocketSend, AnEchoOfTwentyMebibytesComesBackWhole) {
   OSKERNEL_IN_NETWORK_NAMESPACE();
   put_files();

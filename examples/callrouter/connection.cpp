@@ -113,10 +113,8 @@ OSIORetCode Connection::DataIndication(OSBuf* buf) {
   return Success;
 }
 
-// Nothing is received on a secure connection before this, and on a plain one it does not come. It may come twice when
-// two threads have had a part in the handshake.
+// Nothing is received on a secure connection before this, and on a plain one it does not come.
 OSIORetCode Connection::ConnectIndication(OSIOAddress*) {
-  if (established_) return Success;
   established_ = true;
   Stats::count(means_.stats.tls_sessions);
   return Success;
