@@ -206,7 +206,11 @@ AsyncSocket::~AsyncSocket() {
   }
   stop_receiving();
   leave_registry();
-  if (SSLInfo* const session = take_session()) SSLInfo::release(session);
+  if (SSLInfo* const session = take_session()) {
+    // Its own thread may still be inside it, beneath whoever has freed the socket: nothing is written any more.
+    session->detach();
+    SSLInfo::release(session);
+  }
   delete startRetry;
   listenqtrigger.Cancel();
   qtrigger.Cancel();

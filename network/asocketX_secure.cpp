@@ -145,7 +145,7 @@ int AsyncSocket::StartSSL(bool server, ULONG options, char* peer_name) {
       publish(ssl_info, made);
     }
   }
-  if (before != nullptr) SSLInfo::release(before);
+  if (before != nullptr) SSLInfo::retire(before);
   if (before == made) {
     diagnostics().Print("StartSSL: underlying transport not connected");  // any more
     return -1;
@@ -187,8 +187,11 @@ void AsyncSocket::lead_handshake() {
     const SessionUse session(this);
     if (session.get() != nullptr && session.state() == SecHandshake) {
       if (!indirect_socket && session->has_session() && !wait_for_peer(session->wants_write())) return;
+      // Stopped, or started anew, while this waited: what has come is not for this session.
+      if (seen(secure_state) != SecHandshake || seen(ssl_info) != session.get()) return;
       SocketMonitor::signal_what_is_owed();
       result = session->Handshake();
+      if (result > 0 && seen(ssl_info) != session.get()) return;  // given up meanwhile; the next one goes on
       first = result == 0 && become_secure(session.get());
     }
   }
@@ -222,6 +225,8 @@ void AsyncSocket::receive_secured() {
   const SessionUse session(this);
   if (session.get() == nullptr) return;
   if (!indirect_socket && !session->has_pending() && (!wait_until_readable() || !seen(running))) return;
+  // Stopped, or started anew, while this waited.
+  if (seen(secure_state) != SecSecure || seen(ssl_info) != session.get()) return;
   bool pending = session_holds_;
   for (int reads = 0; reads < kMostReads; ++reads) {
     // A queue that is full, or a subclass that has enough: the rest stays where it is.
@@ -231,7 +236,8 @@ void AsyncSocket::receive_secured() {
     }
     const SSLInfo::Read got = session->read_some();
     if (got.code != 0) {
-      if (seen(running)) end_secured(got.code);  // else Close has shut the descriptor down
+      // Otherwise Close has shut the descriptor down, or StartSSL has put another session in this one's place.
+      if (seen(running) && seen(ssl_info) == session.get()) end_secured(got.code);
       return;
     }
     if (got.buf == nullptr) {
@@ -294,6 +300,8 @@ OSIORetCode AsyncSocket::send_secured(OSBuf* buf) {
     }
     if (session.state() != SecSecure) continue;  // started anew meanwhile
     result = session->DataIndication(buf);
+    // Started anew meanwhile: what this was for is over, and the connection is not.
+    if (result == NoConnection && seen(ssl_info) != session.get()) return Blocked;
     break;
   }
   if (result != NoConnection) return result;
@@ -332,6 +340,6 @@ bool AsyncSocket::send_early_data_secured() {
       failed = session->DataIndication(buf) == NoConnection;
     }
   }
-  if (failed) end_secured(0);
+  if (failed && seen(ssl_info) == session.get()) end_secured(0);
   return true;
 }

@@ -187,6 +187,16 @@ void SSLInfo::release(SSLInfo* session) {
   if (session->users_.fetch_sub(1) == 1) delete session;
 }
 
+/// Gives a session up whose descriptor the next one uses. Whoever is still inside it takes none of the next one's bytes,
+/// and its goodbye does not come in between.
+void SSLInfo::retire(SSLInfo* session) {
+  if (session->users_.load() > 1) {
+    session->Stop();
+    session->detach();
+  }
+  release(session);
+}
+
 /// The descriptor is about to be closed: what the session still writes goes nowhere, least of all to the next owner of
 /// the number.
 void SSLInfo::detach() {

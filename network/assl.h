@@ -139,6 +139,7 @@ class OSKERNEL_API SSLInfo {
   void detach();
   void share();
   static void release(SSLInfo* session);
+  static void retire(SSLInfo* session);
 
   /// Held over each call on `ssl` with its SSL_get_error, and over "queue empty, write, append". The innermost of all
   /// but the link pool's; nothing is called upward, waited for or printed inside it.
