@@ -22,7 +22,6 @@ constexpr int kConnectLook_ms = 10;
 constexpr int kHandshakeWait_ms = 1000;
 /// What is taken out of one session before others have their turn.
 constexpr int kMostReads = 64;
-constexpr ULONG kDrought_ms = 10;
 /// What is given before the session is established is merged into buffers of this size.
 constexpr UWORD kMerged_bytes = 1400;
 
