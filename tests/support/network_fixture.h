@@ -401,8 +401,9 @@ class NetworkTest : public KernelTest {
     os_clock();  // the clock device, if there is one, stays open for good
     start_helpers_of_the_runtime();
     threads_ = running_threads();
-    Start();
+    // While there is one thread: one that begins may have something open for a moment.
     descriptors_ = open_descriptors();
+    Start();
     pools_ = PoolState::now();
     running_ = true;
   }
