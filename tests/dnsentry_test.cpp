@@ -494,6 +494,9 @@ TEST_F(NameCache, TraceLinesTellTheRoadOfAName) {
   DNSEntry::Lookup("nobody", nullptr);
   const void* const nobody = entry("nobody");
   ASSERT_TRUE(delivered(2));
+  // The resolver thread may still be letting go of it.
+  const std::string gone = with_pointer("DNSEntry::~DNSEntry %p - nobody / 0", nobody);
+  ASSERT_TRUE(wait_until([&] { return console.count(gone) == 1; }));
   DNSEntry::Clear("host");
 
   char added[120], cleared[120];
@@ -511,7 +514,7 @@ TEST_F(NameCache, TraceLinesTellTheRoadOfAName) {
       "DNSEntry::Lookup - 'nobody' adding to pending list...",
       "DNSEntry::Thread - 'nobody' requesting...",
       "DNSEntry::Callback - 'nobody' address not found, deleting entry",
-      with_pointer("DNSEntry::~DNSEntry %p - nobody / 0", nobody),
+      gone,
       with_pointer("DNSEntry::~DNSEntry %p - host / a090807", entry_address),
   };
   const std::string text = console.text();
