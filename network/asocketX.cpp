@@ -133,6 +133,7 @@ AsyncSocket::AsyncSocket(bool indirect)
       reading_stopped_(false),
       input_held_(false),
       session_holds_(false),
+      awaits_address_(false),
       exhaustion_at_(0),
       exhaustion_reported_(false),
       connection_(0),

@@ -74,9 +74,10 @@ class OSKERNEL_API AsyncSocket : public OSIO {
 
   /// Sends on the caller's thread. A stream that is not connected yet queues the data and sends it, in order and
   /// merged into buffers of up to 1400 bytes, as soon as it is; a connected one waits for room, up to 5 s, and for
-  /// its turn behind what is queued. A datagram goes to rem_sin, and once more through rtps when that is set.
+  /// its turn behind what is queued. A datagram goes to rem_sin, and once more through rtps when that is set; the
+  /// first 8 that are given while the socket waits for its peer's name to be resolved are kept until it is.
   ///   takes     buf, whatever the result
-  ///   returns   Success; NoConnection when the stream is disconnected or the datagram could not be sent; Blocked
+  ///   returns   Success; NoConnection when the stream is disconnected or the datagram could not be sent or kept; Blocked
   ///             when the send failed and disconnected the stream: DisconnectIndication(Failed, errno or 0) follows
   ///   threads   any; on the monitor thread nothing is waited for. A direct socket indicates that failure before
   ///             this returns, and the partner may Free the socket then.
@@ -273,7 +274,7 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   bool listener;  ///< accessed atomically
   OSCallbackFunction listenFn;
   void* listenObj;
-  OSIndirectList earlyData;   ///< given to send before the stream was connected; under local_cs
+  OSIndirectList earlyData;   ///< given to send before there was a connection or destination; under local_cs
   OSQueue listenq;            ///< accepted connections, SocketLinks; under local_cs
   OSQTrigger listenqtrigger;  ///< runs _ListenQCallback
   OSQueue q;                  ///< received buffers of an indirect socket; under local_cs
@@ -366,6 +367,10 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   OSIORetCode fail_stream(OSBuf* buf, int code, ULONG connection);
   bool wait_for_room(ULONG start, int* code);
   OSIORetCode send_datagram(OSBuf* buf);
+  bool hold_datagram(OSBuf* buf, OSIORetCode* result);
+  void send_held_datagrams();
+  void drop_held_datagrams();
+  OSBuf* take_held();
   int send_some(const UBYTE* bytes, int count, ULONG connection);
 
   // TLS (asocketX_secure.cpp).
@@ -410,6 +415,9 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   bool reading_stopped_;
   bool input_held_;     ///< a subclass holds received bytes back until the queue has been taken down
   bool session_holds_;  ///< the TLS session does, which the descriptor does not show
+  /// A datagram socket's peer has been named, and what is sent waits in earlyData until it is found and those before
+  /// it are gone. Written under local_cs, read atomically.
+  bool awaits_address_;
 
   ULONG exhaustion_at_;  ///< when a listener last said that there are no descriptors; the accepting thread
   bool exhaustion_reported_;  ///< it has

@@ -31,6 +31,7 @@ int AsyncSocket::Connect(ULONG addr, UWORD port) {
   if (SockAddr(addr, port).IsMulticast()) set_multicast_options();
   if (seen(type) == SOCK_DGRAM) {
     publish(state, int{SSConnected});
+    send_held_datagrams();
   } else {
     StartTask();
   }
@@ -47,6 +48,8 @@ int AsyncSocket::Connect(const char* addr, UWORD port) {
     {
       const SectionLock lock(&local_cs);
       rem_sin.SPort(port);
+      // Before the name is asked for: the answer may come at once.
+      if (seen(type) == SOCK_DGRAM && seen(state) != SSConnected) publish(awaits_address_, true);
     }
     const ULONG known = DNSEntry::Lookup(text, this);
     if (known != 0) DNSResult(text, known);

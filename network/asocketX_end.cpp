@@ -96,6 +96,7 @@ void AsyncSocket::drop_queued() {
       if (buf == nullptr) {
         publish(dont_read, false);
         publish(early_waiting_, false);
+        publish(awaits_address_, false);
       }
     }
     if (buf == nullptr) return;

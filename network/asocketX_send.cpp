@@ -17,6 +17,8 @@ constexpr UWORD kMerged_bytes = 1400;
 constexpr ULONG kSendTimeout_ms = 5000;
 /// How often a wait for room looks whether the socket has been closed.
 constexpr int kRoomWait_ms = 100;
+/// So many datagrams are held while their destination is being resolved: a question and its like, not a stream.
+constexpr int kHeld_datagrams = 8;
 
 OSBuf* buffer_of(OSListObj* queued) { return static_cast<OSBuf*>(static_cast<OSLinkListObj*>(queued)); }
 
@@ -30,6 +32,14 @@ struct Ends {
   SockAddr remote;
   SockAddr local;
 };
+
+void trace_sending(AsyncSocket* socket, OSBuf* buf) {
+  const Ends ends(socket);
+  diagnostics().Print("%d AsyncSocket::DataIndication - Sending %d bytes to %s:%u from %s:%u",
+                      seen(socket->s), buf->length, AddressText(ends.remote).c_str(), ends.remote.Port(),
+                      AddressText(ends.local).c_str(), ends.local.Port());
+  buf->Print();
+}
 
 /// One sendto(2). Like send_some it never reaches a descriptor that Close has closed and another socket been given:
 /// `closing` is held over it, but over no wait. Where the socket waits for room, which only a blocking descriptor
@@ -53,13 +63,16 @@ OSIORetCode AsyncSocket::DataIndication(OSBuf* buf) {
     return NoConnection;
   }
   if (is_to_be_secure()) return send_secured(buf);
-  if (seen(trace) >= 2) {
-    const Ends ends(this);
-    diagnostics().Print("%d AsyncSocket::DataIndication - Sending %d bytes to %s:%u from %s:%u", seen(s),
-                        buf->length, AddressText(ends.remote).c_str(), ends.remote.Port(),
-                        AddressText(ends.local).c_str(), ends.local.Port());
-    buf->Print();
+  if (seen(type) == SOCK_DGRAM) {
+    OSIORetCode result = Success;
+    if (seen(awaits_address_) && hold_datagram(buf, &result)) return result;
+    // The name may have been found wanting since the caller looked.
+    if (seen(state) == SSDisconnected) {
+      buf->Free();
+      return NoConnection;
+    }
   }
+  if (seen(trace) >= 2) trace_sending(this, buf);
   if (seen(type) == SOCK_DGRAM) return send_datagram(buf);
   if (seen(state) != SSConnected) {
     switch (queue_until_connected(buf)) {
@@ -266,6 +279,48 @@ OSIORetCode AsyncSocket::send_datagram(OSBuf* buf) {
   }
   buf->Free();
   return result;
+}
+
+/// Keeps a datagram whose destination is being resolved, or that comes while others which were kept are being sent.
+/// Beyond the most that is kept it is freed.
+///   takes     buf, when it returns true; then there is a result
+bool AsyncSocket::hold_datagram(OSBuf* buf, OSIORetCode* result) {
+  {
+    const SectionLock lock(&local_cs);
+    if (!seen(awaits_address_)) return false;
+    if (earlyData.Size() < kHeld_datagrams && earlyData.AppendLink(buf) != nullptr) {
+      *result = Success;
+      return true;
+    }
+  }
+  buf->Free();
+  *result = NoConnection;
+  return true;
+}
+
+/// The next datagram that is held. When there is none, nothing is held any more.
+OSBuf* AsyncSocket::take_held() {
+  const SectionLock lock(&local_cs);
+  OSBuf* const buf = buffer_of(earlyData.FirstObject());
+  if (buf != nullptr) {
+    earlyData.Remove(buf);
+  } else {
+    publish(awaits_address_, false);
+  }
+  return buf;
+}
+
+/// The destination is known.
+void AsyncSocket::send_held_datagrams() {
+  while (OSBuf* const buf = seen(awaits_address_) ? take_held() : nullptr) {
+    if (seen(trace) >= 2) trace_sending(this, buf);
+    send_datagram(buf);
+  }
+}
+
+/// There is none.
+void AsyncSocket::drop_held_datagrams() {
+  while (OSBuf* const buf = seen(awaits_address_) ? take_held() : nullptr) buf->Free();
 }
 
 OSIORetCode AsyncSocket::DatagramIndication(OSBuf* buf, void* /*source*/, void* dest) {
