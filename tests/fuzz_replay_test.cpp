@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/dns_target.h"
 #include "fuzz/line_target.h"
 #include "fuzz/tpkt_target.h"
 
@@ -59,8 +60,12 @@ TEST(FuzzReplay, TpktCorpusAgreesWithTheReferenceReassembler) { replay("tpkt", o
 
 TEST(FuzzReplay, LineCorpusAgreesWithTheReferenceCutter) { replay("line", oskernel_fuzz::run_line); }
 
+TEST(FuzzReplay, DnsCorpusAgreesWithTheReferenceDecoder) { replay("dns", oskernel_fuzz::run_dns); }
+
 TEST(FuzzReplay, TpktCorpusCutShort) { replay_mutated("tpkt", oskernel_fuzz::run_tpkt); }
 
 TEST(FuzzReplay, LineCorpusCutShort) { replay_mutated("line", oskernel_fuzz::run_line); }
+
+TEST(FuzzReplay, DnsCorpusCutShort) { replay_mutated("dns", oskernel_fuzz::run_dns); }
 
 }  // namespace
