@@ -48,7 +48,7 @@ class DnsReader;
 class OSBuf;
 
 /// Types of records (RFC 1035 3.2.2 and 3.2.3, RFC 2782, RFC 3403).
-enum Type {
+enum Type : int {
   T_A = 1,
   T_NS = 2,
   T_MD = 3,

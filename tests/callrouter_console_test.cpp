@@ -100,8 +100,8 @@ TEST_F(CallrouterConsole, RoutesANumberAndQuits) {
 TEST_F(CallrouterConsole, EveryCommandAnswers) {
   start();
   type("help\r");
-  for (const char* name : {"stats", "buffers", "tasks", "timers", "sockets", "names", "resolve NAME",
-                           "route NUMBER", "trace", "help", "quit"}) {
+  for (const char* name : {"stats", "buffers", "tasks", "timers", "sockets", "gateways", "names",
+                           "resolve NAME", "route NUMBER", "trace", "help", "quit"}) {
     EXPECT_TRUE(shows(std::string("\r\n  ") + name + " ")) << name;
   }
   type("stats\r");

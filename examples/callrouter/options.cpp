@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
+#include <stdexcept>
 
 #ifndef CALLROUTER_VERSION
 #define CALLROUTER_VERSION "unknown"
@@ -37,12 +38,32 @@ Exit codes: 0 every line was answered, or serving has ended as asked; 1 the answ
 serving left something behind; 2 the command line, the plan, an input or a port is in error; 128 + N ended by
 signal N before the end of the input.)";
 
+GatewaySource gateway_source(const std::string& domain, const std::string* server) {
+  const std::string name = Gateways::service_name(dnsq::without_last_dot(domain));
+  if (const std::string why = dnsq::why_unsendable(name); !why.empty()) {
+    throw CLI::ValidationError("--gateways-from", "'" + name + "' cannot be asked for: " + why);
+  }
+  if (server == nullptr) {
+    if (const auto configured = dnsq::configured_name_server()) return {name, *configured};
+    throw CLI::ValidationError(
+        "--gateways-from",
+        std::string("needs --dns, because ") + dnsq::kResolverConfiguration + " names no IPv4 name server");
+  }
+  try {
+    return {name, dnsq::read_name_server(*server)};
+  } catch (const std::invalid_argument& error) {
+    throw CLI::ValidationError("--dns", error.what());
+  }
+}
+
 }  // namespace
 
 std::optional<Options> read_options(int argc, const char* const* argv, int& exit_code) {
   Options options;
   bool json = false;
   bool csv = false;
+  std::string gateways_from;
+  std::string dns_server;
 
   CLI::App app{kDescription, "callrouter"};
   app.footer(kFooter);
@@ -105,6 +126,18 @@ std::optional<Options> read_options(int argc, const char* const* argv, int& exit
       ->check(CLI::Range(0.1, 86400.0))
       ->capture_default_str()
       ->needs(serve_flag);
+  auto* domain =
+      app.add_option("--gateways-from", gateways_from,
+                     "Look up the gateways of DOMAIN: its SRV records _sip._udp.DOMAIN, or those of "
+                     "DOMAIN itself when it begins with _; the console's \"gateways\" shows them")
+          ->type_name("DOMAIN")
+          ->needs(serve_flag);
+  auto* dns =
+      app.add_option("--dns", dns_server,
+                     "Name server to ask for them: IPv4 address, name, or broadcast for the local network; "
+                     "the first one of the system's resolver when it is not given")
+          ->type_name("SERVER")
+          ->needs(domain);
   app.set_version_flag("--version", "callrouter " CALLROUTER_VERSION);
 
   try {
@@ -114,6 +147,9 @@ std::optional<Options> read_options(int argc, const char* const* argv, int& exit
     }
     if (!serve.tpkt_port && !serve.line_port && !serve.tls_port) serve.tpkt_port = serve.line_port = 0;
     if (serve.address.empty()) throw CLI::ValidationError("--bind", "needs an address");
+    if (domain->count() > 0) {
+      serve.gateways = gateway_source(gateways_from, dns->count() > 0 ? &dns_server : nullptr);
+    }
     if (options.inputs.empty() && !options.console && !options.serving) options.inputs.emplace_back("-");
     const auto standard_inputs = std::count(options.inputs.begin(), options.inputs.end(), "-");
     if (options.console && standard_inputs > 0) {

@@ -20,6 +20,7 @@
 #include "examples/callrouter/signals.h"
 #include "examples/callrouter/tls_files.h"
 #include "examples/callrouter/window.h"
+#include "examples/dnsq/lookup.h"
 #include "network/asocket.h"
 #include "network/assl.h"
 
@@ -30,11 +31,12 @@ constexpr int kResolvePeriodMs = 10;
 constexpr ULONG kResolveMs = 10000;
 
 // The pools of the road have the right sizes; of its quantities nothing is needed here.
-KernelCfg pools(int connections) {
+KernelCfg pools(const ServeOptions& serve) {
   KernelCfg cfg = road_config();
   for (int& quantity : cfg.buf_qty) quantity = 0;
   cfg.callback_qty = 0;
-  add_connections(cfg, connections);
+  add_connections(cfg, serve.connections);
+  if (serve.gateways) dnsq::add_lookup(cfg);
   return cfg;
 }
 
@@ -143,7 +145,7 @@ void run(const Options& options, Leftovers& leftovers) {
   OperatorConsole console(STDIN_FILENO, STDOUT_FILENO, stop);
   Stats stats;
   Progress progress(stats, Progress::Show::kNothing, std::nullopt);
-  const KernelRun kernel(console, pools(serve.connections));
+  const KernelRun kernel(console, pools(serve));
   Summary summary{};
   {
     const NetworkRun network;

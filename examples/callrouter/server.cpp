@@ -105,6 +105,7 @@ void ServerTask::Main() {
   OSTrigger::TLSInitialise();
   make_timers();
   const std::string error = open();
+  if (error.empty() && options_.gateways) gateways_ = std::make_unique<Gateways>(*options_.gateways);
   opened_.set_value(error);
   // What comes before the flag is seen wakes the wait.
   while (error.empty() && !stopping_.load()) {
@@ -112,6 +113,7 @@ void ServerTask::Main() {
     OSTrigger::TLSPoll();
   }
   close_all();
+  gateways_.reset();
   idle_timer_.reset();
   room_timer_.reset();
   OSTrigger::TLSUninitialise();

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "examples/callrouter/connection.h"
+#include "examples/callrouter/gateways.h"
 #include "kernel/task.h"
 #include "kernel/trigger.h"
 
@@ -28,9 +29,10 @@ struct ServeOptions {
   std::optional<int> tls_port;
   std::string cert, key, ca;  ///< PEM files of the TLS port
   bool verify_clients = false;
-  std::string address = "127.0.0.1";  ///< dotted text or a host name
-  int connections = 1000;             ///< the most at the same time
-  double idle_s = 60;                 ///< a connection that answers nothing for so long is closed
+  std::string address = "127.0.0.1";      ///< dotted text or a host name
+  int connections = 1000;                 ///< the most at the same time
+  double idle_s = 60;                     ///< a connection that answers nothing for so long is closed
+  std::optional<GatewaySource> gateways;  ///< nothing: none are looked up
 };
 
 /// Listens and answers. Listeners and connections are made on this task, which has a ready list of its own: what
@@ -71,6 +73,8 @@ class ServerTask : public OSTask, private Connection::Keeper {
   };
   /// Every connection, by number. Any thread.
   std::vector<Listed> connections() const;
+  /// The gateways that are looked up; null when none are. After wait_until_open(), until stop().
+  const Gateways* gateways() const { return gateways_.get(); }
   int most_connections() const { return options_.connections; }
 
  private:
@@ -115,6 +119,7 @@ class ServerTask : public OSTask, private Connection::Keeper {
   // Fired for what follows: it stands on the ready list behind the others who are to be served, and no connection
   // is at work when its turn comes. What is ready may never come to an end.
   std::unique_ptr<OSTimerTrigger> chores_;
+  std::unique_ptr<Gateways> gateways_;  // made before the promise is kept
   std::vector<Connection*> turn_over_;  // to go on behind the others
   std::vector<Connection*> no_room_;    // to be looked at every few milliseconds
   std::vector<Connection*> ended_;      // to be deleted

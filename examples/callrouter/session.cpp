@@ -70,6 +70,7 @@ const std::vector<Session::Command>& Session::commands() {
       {"tasks", "", "every task", &Session::tasks},
       {"timers", "", "every timer that is armed", &Session::timers},
       {"sockets", "", "every connection that is served", &Session::sockets},
+      {"gateways", "", "the gateways of --gateways-from", &Session::gateways},
       {"names", "", "the host names that are known", &Session::names},
       {"resolve", "NAME", "look up a host name", &Session::resolve},
       {"route", "NUMBER", "where a number goes", &Session::route},
@@ -197,6 +198,13 @@ void Session::sockets(std::string_view) {
                         one.queued, one.idle_ms / 1000, one.waiting ? "  does not read its answers" : "");
   }
   console_.say(text);
+}
+
+void Session::gateways(std::string_view) {
+  if (subjects_.server == nullptr) return console_.say(kNotServing);
+  const Gateways* gateways = subjects_.server->gateways();
+  console_.say(gateways != nullptr ? gateways->text()
+                                   : "no gateways are looked up; that takes --gateways-from\n");
 }
 
 void Session::names(std::string_view) {

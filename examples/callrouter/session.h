@@ -48,6 +48,7 @@ class Session {
   void tasks(std::string_view);
   void timers(std::string_view);
   void sockets(std::string_view);
+  void gateways(std::string_view);
   void names(std::string_view);
   void resolve(std::string_view name);
   void route(std::string_view number);
