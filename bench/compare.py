@@ -1,8 +1,8 @@
-"""Runs kernel_bench and network_bench and prints their figures side by side. bench/compare calls it; needs the
-standard library only.
+"""Runs kernel_bench, network_bench and dns_bench and prints their figures side by side. bench/compare calls it; needs
+the standard library only.
 
-A benchmark of the kernel is named SUBJECT/IMPLEMENTATION/ARGUMENTS. Those of the same subject and arguments share a
-line. A row of the network is named SUBJECT/ARGUMENTS, and every server is measured for it.
+A benchmark of the kernel or of DNS is named SUBJECT/IMPLEMENTATION/ARGUMENTS. Those of the same subject and arguments
+share a line. A row of the network is named SUBJECT/ARGUMENTS, and every server is measured for it.
 """
 
 import argparse
@@ -46,6 +46,9 @@ TLS_ECHO = "tls_echo"
 HANDSHAKE = "tls_handshake"
 CHURN = "connect_echo_close"
 MEMORY = "memory_per_connection"
+
+# Answers decoded per second, in times of the faster peer's.
+DNS_AIM = 2
 
 
 class Benchmark(collections.namedtuple("Benchmark", "subject implementation count size threads")):
@@ -175,24 +178,37 @@ def print_growth(medians, program, names):
     return exceeded
 
 
-def compare_kernel(arguments, results):
-    """Measures and prints the kernel's benchmarks. Returns the number of limits exceeded; None when none matches."""
-    repetitions, min_time = (3, 0.004) if arguments.quick else (5, 0.02)
+def matching(program, arguments):
+    """The names of the benchmarks that are to be run."""
     listed = subprocess.run(
-        [arguments.kernel, "--benchmark_list_tests", f"--benchmark_filter={arguments.filter}"],
+        [program, "--benchmark_list_tests", f"--benchmark_filter={arguments.filter}"],
         check=True, stdout=subprocess.PIPE, text=True,
     ).stdout.split()
-    names = [n for n in listed if "/" in n and not (arguments.quick and re.search(SLOW, n))]
-    if not names:
-        return None
-    print(f"Measuring {len(names)} benchmarks of the kernel, {repetitions} times each ...", flush=True)
-    pattern = "^(" + "|".join(re.escape(n) for n in names) + ")$"
+    return [n for n in listed if "/" in n and not (arguments.quick and re.search(SLOW, n))]
+
+
+def measure(program, names, what, repetitions, min_time):
+    """What run() returns for these names; None, with the program's words, when it fails."""
+    print(f"\nMeasuring {len(names)} benchmarks of {what}, {repetitions} times each ...", flush=True)
+    # The program's expressions know no escaped hyphen.
+    pattern = "^(" + "|".join(re.escape(n).replace(r"\-", "-") for n in names) + ")$"
     try:
-        times, kernel = run(arguments.kernel, repetitions, min_time, pattern)
+        return run(program, repetitions, min_time, pattern)
     except subprocess.CalledProcessError as error:
         print(error.stderr, file=sys.stderr)
-        print(f"kernel_bench ended with {error.returncode}; its last words stand above.", file=sys.stderr)
+        print(f"{os.path.basename(program)} ended with {error.returncode}; its last words stand above.", file=sys.stderr)
+        return None
+
+
+def compare_kernel(arguments, results):
+    """Measures and prints the kernel's benchmarks. Returns the number of limits exceeded; None when none matches."""
+    names = matching(arguments.kernel, arguments)
+    if not names:
+        return None
+    measured = measure(arguments.kernel, names, "the kernel", *((3, 0.004) if arguments.quick else (5, 0.02)))
+    if measured is None:
         return 1
+    times, kernel = measured
     names = kernel.pop("names")
     results["kernel"] = kernel
 
@@ -341,23 +357,63 @@ def compare_network(arguments, results):
     return len(failures)
 
 
+# ---- DNS ---------------------------------------------------------------------------------------------------------
+
+
+def compare_dns(arguments, results):
+    """Measures and prints the decoding of DNS answers. Returns 1 when that fails; None when no name matches."""
+    names = matching(arguments.dns, arguments)
+    if not names:
+        return None
+    # The best of many short ones: what else the machine does only adds time.
+    measured = measure(arguments.dns, names, "DNS", *((20, 0.01) if arguments.quick else (60, 0.01)))
+    if measured is None:
+        return 1
+    times, results["dns"] = measured
+    del results["dns"]["names"]
+    lines = collections.defaultdict(dict)
+    for b, ns in times.items():
+        lines[b._replace(implementation="")][b.implementation] = min(ns)
+    print("\nAnswers decoded per second, and how many times as many they are here as with each peer (above 1: faster")
+    print("here)\n")
+    met = aimed = 0
+    for line, by_implementation in lines.items():
+        ours = by_implementation.pop(OURS, None)
+        if ours is None:
+            continue
+        cells = [f"{name} {1e9 / ns:,.0f}, x{ns / ours:.2f}" for name, ns in by_implementation.items()]
+        verdict = ""
+        if cells:
+            aimed += 1
+            reached = min(by_implementation.values()) / ours >= DNS_AIM
+            met += reached
+            verdict = f"   aim: {'met' if reached else 'MISSED'}"
+        words = {"dns": "DNS", "a": "A", "srv": "SRV"}
+        label = " ".join(words.get(word, word) for word in line.subject.split("_"))
+        label += f", {line.size} record" + ("s" if line.size > 1 else "")
+        print(f"{label:34}{1e9 / ours:>12,.0f}   " + "".join(f"{c:28}" for c in cells).rstrip() + verdict)
+    if aimed:
+        print(f"\nAim: {DNS_AIM} times the answers of the faster peer. Met in {met} of {aimed} lines.")
+    return 0
+
+
 def main():
     parser = argparse.ArgumentParser(add_help=False)
     parser.add_argument("--quick", action="store_true")
-    parser.add_argument("--only", choices=("kernel", "network"))
+    parser.add_argument("--only", choices=("kernel", "network", "dns"))
     parser.add_argument("--filter", default="")
     parser.add_argument("kernel")
     parser.add_argument("network")
+    parser.add_argument("dns")
     parser.add_argument("results")
     arguments = parser.parse_args()
 
     began = time.monotonic()
     results = {}
     outcomes = []
-    if arguments.only != "network":
-        outcomes.append(compare_kernel(arguments, results))
-    if arguments.only != "kernel":
-        outcomes.append(compare_network(arguments, results))
+    for part, compare in (("kernel", compare_kernel), ("network", compare_network), ("dns", compare_dns)):
+        if arguments.only in (None, part):
+            outcomes.append(compare(arguments, results))
     if all(outcome is None for outcome in outcomes):
         print(f"No benchmark's name matches '{arguments.filter}'.", file=sys.stderr)
         return 1

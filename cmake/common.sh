@@ -7,9 +7,9 @@ PACKAGES_BUILD=(g++ cmake ninja-build libssl-dev)
 # The second line: servers and clients that the tests of the networking layer talk to, each in a namespace or on a free
 # port of its own; ./test starts them.
 PACKAGES_TEST=(libgtest-dev libgmock-dev
-  iproute2 dnsmasq-base redis-server netcat-openbsd socat tshark openssl gnutls-bin)
+  iproute2 dnsmasq-base redis-server netcat-openbsd socat tshark openssl gnutls-bin nsd bind9 bind9-dnsutils)
 PACKAGES_EXAMPLES=(libcli11-dev nlohmann-json3-dev libfmt-dev libcsv-dev libboost-dev openssl)
-PACKAGES_BENCH=(libbenchmark-dev libboost-dev libuv1-dev libevent-dev)
+PACKAGES_BENCH=(libbenchmark-dev libboost-dev libuv1-dev libevent-dev libc-ares-dev libldns-dev)
 PACKAGES_CHECK=(git clang-format clang-tidy python3)
 PACKAGES_FUZZ=(clang libclang-rt-14-dev)
 
