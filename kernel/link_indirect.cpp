@@ -64,7 +64,9 @@ OSBuf* buffer_of(OSListObj* queued) { return static_cast<OSBuf*>(static_cast<OSL
 
 // Lists of references.
 
-OSIndirectList::~OSIndirectList() { OSIndirectList::Flush(); }
+OSIndirectList::~OSIndirectList() {
+  if (!IsEmpty()) OSIndirectList::Flush();
+}
 
 void OSIndirectList::Flush() {
   while (OSLink* const link = First()) {

@@ -9,6 +9,7 @@
 #include "kernel/console.h"
 #include "kernel/kernel.h"
 #include "kernel/link_list.h"
+#include "kernel/link_priv.h"
 #include "kernel/posixkernel_priv.h"
 
 // Place in the lock order: last. Nothing is called while it is held but list operations; reports leave it
@@ -248,6 +249,47 @@ void OSLink::Free() {
   }
   unlink_(this);
   put_into_pool_locked(this);
+}
+
+std::size_t take_links(OSLink** links, std::size_t wanted) {
+  std::size_t taken = 0;
+  {
+    const SectionLock lock(&OS_CRITICAL_LINK);
+    OSLink* const pool = OSLink::link_pool;
+    OSLink* link = pool != nullptr ? pool->First() : nullptr;
+    while (taken < wanted && link != nullptr && link != pool && link->isFree && lies_in_block_locked(link)) {
+      links[taken++] = link;
+      OSLink* const after = link->next;
+      link->object = nullptr;
+      link->isFree = false;
+      link->next = link->previous = link;
+      link = after;
+    }
+    if (taken != 0) {
+      pool->next = link;
+      link->previous = pool;
+      set_pool_size_locked(OSLink::link_pool_size - static_cast<ULONG>(taken));
+    }
+  }
+  // What is wrong with an empty pool, or with its first link, Alloc knows.
+  if (taken == 0 && wanted != 0) {
+    links[0] = OSLink::Alloc();
+    if (links[0] != nullptr) taken = 1;
+  }
+  return taken;
+}
+
+void give_links(OSLink* const* links, std::size_t count) {
+  if (count == 0) return;
+  std::size_t given = 0;
+  {
+    const SectionLock lock(&OS_CRITICAL_LINK);
+    while (given < count && !links[given]->isFree && lies_in_block_locked(links[given])) {
+      put_into_pool_locked(links[given++]);
+    }
+  }
+  // What is wrong with a link, Free knows.
+  for (; given < count; ++given) links[given]->Free();
 }
 
 bool OSLink::Validate() {

@@ -368,9 +368,7 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   bool wait_for_room(ULONG start, int* code);
   OSIORetCode send_datagram(OSBuf* buf);
   bool hold_datagram(OSBuf* buf, OSIORetCode* result);
-  void send_held_datagrams();
-  void drop_held_datagrams();
-  OSBuf* take_held();
+  void release_held_datagrams(bool send);
   int send_some(const UBYTE* bytes, int count, ULONG connection);
 
   // TLS (asocketX_secure.cpp).
@@ -415,8 +413,8 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   bool reading_stopped_;
   bool input_held_;     ///< a subclass holds received bytes back until the queue has been taken down
   bool session_holds_;  ///< the TLS session does, which the descriptor does not show
-  /// A datagram socket's peer has been named, and what is sent waits in earlyData until it is found and those before
-  /// it are gone. Written under local_cs, read atomically.
+  /// A datagram socket's peer has been named, and what is sent waits in earlyData until it is found. Written under
+  /// local_cs, read atomically.
   bool awaits_address_;
 
   ULONG exhaustion_at_;  ///< when a listener last said that there are no descriptors; the accepting thread

@@ -31,7 +31,7 @@ int AsyncSocket::Connect(ULONG addr, UWORD port) {
   if (SockAddr(addr, port).IsMulticast()) set_multicast_options();
   if (seen(type) == SOCK_DGRAM) {
     publish(state, int{SSConnected});
-    send_held_datagrams();
+    release_held_datagrams(true);
   } else {
     StartTask();
   }

@@ -73,7 +73,11 @@ OSIORetCode AsyncSocket::DataIndication(OSBuf* buf) {
     }
   }
   if (seen(trace) >= 2) trace_sending(this, buf);
-  if (seen(type) == SOCK_DGRAM) return send_datagram(buf);
+  if (seen(type) == SOCK_DGRAM) {
+    const OSIORetCode result = send_datagram(buf);
+    buf->Free();
+    return result;
+  }
   if (seen(state) != SSConnected) {
     switch (queue_until_connected(buf)) {
       case Queued::kQueued:
@@ -249,6 +253,7 @@ OSIORetCode AsyncSocket::fail_stream(OSBuf* buf, int code, ULONG connection) {
 
 // ---- Datagrams ---------------------------------------------------------------------------------------------
 
+/// Does not free it.
 OSIORetCode AsyncSocket::send_datagram(OSBuf* buf) {
   OSIORetCode result = Success;
   const int count = buf->length;
@@ -277,12 +282,11 @@ OSIORetCode AsyncSocket::send_datagram(OSBuf* buf) {
                           static_cast<int>(sent), count);
     }
   }
-  buf->Free();
   return result;
 }
 
-/// Keeps a datagram whose destination is being resolved, or that comes while others which were kept are being sent.
-/// Beyond the most that is kept it is freed.
+/// Keeps a datagram whose destination is being resolved, unless it has been found meanwhile. Beyond the most that is
+/// kept it is freed.
 ///   takes     buf, when it returns true; then there is a result
 bool AsyncSocket::hold_datagram(OSBuf* buf, OSIORetCode* result) {
   {
@@ -298,29 +302,26 @@ bool AsyncSocket::hold_datagram(OSBuf* buf, OSIORetCode* result) {
   return true;
 }
 
-/// The next datagram that is held. When there is none, nothing is held any more.
-OSBuf* AsyncSocket::take_held() {
-  const SectionLock lock(&local_cs);
-  OSBuf* const buf = buffer_of(earlyData.FirstObject());
-  if (buf != nullptr) {
-    earlyData.Remove(buf);
-  } else {
+/// From now on nothing is held any more. What was is sent, or dropped.
+void AsyncSocket::release_held_datagrams(bool send) {
+  if (!seen(awaits_address_)) return;
+  OSBuf* released[kHeld_datagrams];
+  int count = 0;
+  {
+    // Whoever sends next waits here, so that nothing overtakes.
+    const SectionLock lock(&local_cs);
+    if (!seen(awaits_address_)) return;
+    while (OSBuf* const buf = count < kHeld_datagrams ? buffer_of(earlyData.FirstObject()) : nullptr) {
+      earlyData.Remove(buf);
+      released[count++] = buf;
+      if (!send) continue;
+      if (seen(trace) >= 2) trace_sending(this, buf);
+      send_datagram(buf);
+    }
     publish(awaits_address_, false);
   }
-  return buf;
-}
-
-/// The destination is known.
-void AsyncSocket::send_held_datagrams() {
-  while (OSBuf* const buf = seen(awaits_address_) ? take_held() : nullptr) {
-    if (seen(trace) >= 2) trace_sending(this, buf);
-    send_datagram(buf);
-  }
-}
-
-/// There is none.
-void AsyncSocket::drop_held_datagrams() {
-  while (OSBuf* const buf = seen(awaits_address_) ? take_held() : nullptr) buf->Free();
+  // Outside the section: their callbacks are the application's.
+  for (int i = 0; i < count; ++i) released[i]->Free();
 }
 
 OSIORetCode AsyncSocket::DatagramIndication(OSBuf* buf, void* /*source*/, void* dest) {

@@ -3,10 +3,14 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
+#include <initializer_list>
+#include <iterator>
 #include <new>
 
 #include "kernel/buffer.h"
+#include "kernel/link_priv.h"
 #include "network/asocketX_priv.h"
 
 namespace {
@@ -34,6 +38,34 @@ constexpr std::size_t kPlaces = 0x4000;
 int number16(const UBYTE* at) { return at[0] << 8 | at[1]; }
 ULONG number32(const UBYTE* at) {
   return ULONG{at[0]} << 24U | ULONG{at[1]} << 16U | ULONG{at[2]} << 8U | ULONG{at[3]};
+}
+
+/// Copies 1 to 256 bytes. Labels and names are short: memcpy spends more time on finding out how short.
+void copy_short(char* to, const void* bytes, std::size_t count) {
+  const auto* const from = static_cast<const UBYTE*>(bytes);
+  const auto both_ends = [=](auto word) {
+    auto tail = word;
+    std::memcpy(&word, from, sizeof word);
+    std::memcpy(&tail, from + count - sizeof tail, sizeof tail);
+    std::memcpy(to, &word, sizeof word);
+    std::memcpy(to + count - sizeof tail, &tail, sizeof tail);
+  };
+  struct Half {
+    std::uint64_t words[2];
+  };
+  if (count > 32) {
+    std::memcpy(to, from, count);
+  } else if (count >= 16) {
+    both_ends(Half{});
+  } else if (count >= 8) {
+    both_ends(std::uint64_t{});
+  } else if (count >= 4) {
+    both_ends(std::uint32_t{});
+  } else {
+    to[0] = static_cast<char>(from[0]);
+    if (count > 1) to[1] = static_cast<char>(from[1]);
+    if (count > 2) to[2] = static_cast<char>(from[2]);
+  }
 }
 
 }  // namespace
@@ -66,6 +98,25 @@ class DnsReader {
     return bytes != 0;
   }
 
+  /// The same for the name that an entry begins with. Nearly always it is a pointer to the name of the entry before,
+  /// whose text is copied then.
+  ///   out       stays as it is while the reader is used
+  bool take_owner(char* out) {
+    const UBYTE* const place = at_;
+    const bool is_pointer = holds(place, 2) && (place[0] & 0xC0U) == 0xC0U;
+    const std::size_t offset = is_pointer ? static_cast<std::size_t>(number16(place) & 0x3FFF)
+                                          : static_cast<std::size_t>(place - message_);
+    if (is_pointer && owner_ != nullptr && offset == owner_offset_) {
+      copy_short(out, owner_, owner_length_ + 1);
+      at_ += 2;
+    } else if (!take_name(out, &owner_length_)) {
+      return false;
+    }
+    owner_ = out;
+    owner_offset_ = offset;
+    return true;
+  }
+
   /// The name at another place, without moving.
   bool name_at(const UBYTE* place, char* out) const { return expand(place, out, nullptr) != 0; }
   bool holds(const UBYTE* place, std::size_t bytes) const {
@@ -83,6 +134,10 @@ class DnsReader {
   const UBYTE* const message_;  ///< pointers count from here
   const UBYTE* const end_;      ///< behind the last byte; null when it is not known
   const UBYTE* at_;             ///< never behind end_
+  // What take_owner has expanded last; null before.
+  const char* owner_ = nullptr;
+  std::size_t owner_length_ = 0;
+  std::size_t owner_offset_ = 0;
 };
 
 /// RFC 1035 4.1.4.
@@ -110,7 +165,7 @@ std::size_t DnsReader::expand(const UBYTE* place, char* out, std::size_t* length
       continue;
     }
     if (!holds(from, count + 1) || written + count + 1 > kNameRoom) break;
-    std::memcpy(out + written, from + 1, count);
+    copy_short(out + written, from + 1, count);
     written += count;
     out[written++] = '.';
     from += count + 1;
@@ -152,7 +207,7 @@ DnsQuestion::DnsQuestion() = default;
 DnsQuestion::~DnsQuestion() = default;
 
 bool DnsQuestion::decode(DnsReader& reader) {
-  if (!reader.take_name(qname)) return false;
+  if (!reader.take_owner(qname)) return false;
   const UBYTE* const rest = reader.take(4);
   if (rest == nullptr) return false;
   qtype = number16(rest);
@@ -179,7 +234,7 @@ DnsResource::DnsResource() : type(0), clas(0), ttl(0), addr(0), priority(0), wei
 DnsResource::~DnsResource() = default;
 
 bool DnsResource::decode(DnsReader& reader) {
-  if (!reader.take_name(name)) return false;
+  if (!reader.take_owner(name)) return false;
   const UBYTE* const fixed = reader.take(10);
   if (fixed == nullptr) return false;
   type = number16(fixed);
@@ -251,12 +306,52 @@ void DnsResource::Print() {
 
 namespace {
 
-void delete_all(OSIndirectList& list) {
-  while (OSLink* const first = list.First()) {
-    auto* const entry = static_cast<OSListObj*>(first->object);
-    list.RemoveLink(first);
-    delete entry;
+/// How many links are taken from the pool, or given back, together.
+constexpr std::size_t kTogether = 32;
+
+/// Links for the entries that a header announces, several at a time: one by one they take longer than the decoding. A
+/// header may announce what does not follow.
+class LinkSupply {
+ public:
+  explicit LinkSupply(int announced) : announced_(static_cast<std::size_t>(announced)) {}
+  ~LinkSupply() { give_links(links_ + used_, had_ - used_); }
+  LinkSupply(const LinkSupply&) = delete;
+  LinkSupply& operator=(const LinkSupply&) = delete;
+
+  /// Null when the pool has none.
+  OSLink* next() {
+    if (used_ == had_) {
+      used_ = 0;
+      had_ = take_links(links_, std::min(announced_, kTogether));
+      if (had_ == 0) return nullptr;
+      announced_ -= had_;
+    }
+    return links_[used_++];
   }
+
+ private:
+  std::size_t announced_;  ///< entries that have no link yet
+  OSLink* links_[kTogether];
+  std::size_t had_ = 0;
+  std::size_t used_ = 0;
+};
+
+/// Takes all off the lists and deletes them, the first ones first.
+void delete_all(std::initializer_list<OSIndirectList*> lists) {
+  OSLink* links[kTogether];
+  std::size_t count = 0;
+  for (OSIndirectList* const list : lists) {
+    while (OSLink* const first = list->First()) {
+      auto* const entry = static_cast<OSListObj*>(first->object);
+      list->OSLinkList::Remove(first);
+      links[count++] = first;
+      delete entry;
+      if (count < kTogether) continue;
+      give_links(links, count);
+      count = 0;
+    }
+  }
+  give_links(links, count);
 }
 
 template <class Entry>
@@ -271,36 +366,44 @@ void print_all(const char* heading, const DnsMessage* message, OSIndirectList& l
 
 DnsMessage::DnsMessage() : id(0), opts(0), qdcount(0), ancount(0), nscount(0), arcount(0) {}
 
-DnsMessage::~DnsMessage() {
-  for (OSIndirectList* const list : {&questions, &answers, &authorities, &additionals}) delete_all(*list);
-}
+DnsMessage::~DnsMessage() { delete_all({&questions, &answers, &authorities, &additionals}); }
+
+namespace {
 
 /// Appends `count` entries.
+///   decode    decodes one
 ///   returns   whether there were so many
-template <class Entry>
-bool DnsMessage::decode_all(DnsReader& reader, int count, OSIndirectList& list) {
+template <class Entry, class Decode>
+bool decode_all(LinkSupply& links, int count, OSIndirectList& list, Decode decode) {
   for (int i = 0; i < count; ++i) {
-    auto* const entry = new (std::nothrow) Entry;
+    Entry* const entry = new (std::nothrow) Entry;
     if (entry == nullptr) return false;
-    if (!entry->decode(reader) || list.AppendLink(entry) == nullptr) {
+    OSLink* const link = decode(*entry) ? links.next() : nullptr;
+    if (link == nullptr) {
       delete entry;
       return false;
     }
+    list.OSLinkList::Append(link, entry);
   }
   return true;
 }
 
+}  // namespace
+
 int DnsMessage::Decode(OSBuf* buf) {
   DnsReader reader(buf->data, buf->length);
-  for (int* const field : {&id, &opts, &qdcount, &ancount, &nscount, &arcount}) {
-    const UBYTE* const word = reader.take(2);
-    if (word == nullptr) return 0;
-    *field = number16(word);
-  }
-  static_cast<void>(decode_all<DnsQuestion>(reader, qdcount, questions) &&
-                    decode_all<DnsResource>(reader, ancount, answers) &&
-                    decode_all<DnsResource>(reader, nscount, authorities) &&
-                    decode_all<DnsResource>(reader, arcount, additionals));
+  int* const fields[] = {&id, &opts, &qdcount, &ancount, &nscount, &arcount};
+  const std::size_t whole = std::min(std::size(fields), std::size_t{buf->length} / 2);
+  const UBYTE* const words = reader.take(whole * 2);
+  for (std::size_t i = 0; i < whole; ++i) *fields[i] = number16(words + 2 * i);
+  if (whole < std::size(fields)) return 0;
+  LinkSupply links(qdcount + ancount + nscount + arcount);
+  const auto question = [&reader](DnsQuestion& entry) { return entry.decode(reader); };
+  const auto record = [&reader](DnsResource& entry) { return entry.decode(reader); };
+  static_cast<void>(decode_all<DnsQuestion>(links, qdcount, questions, question) &&
+                    decode_all<DnsResource>(links, ancount, answers, record) &&
+                    decode_all<DnsResource>(links, nscount, authorities, record) &&
+                    decode_all<DnsResource>(links, arcount, additionals, record));
   return 0;
 }
 

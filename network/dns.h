@@ -182,10 +182,6 @@ class OSKERNEL_API DnsMessage : public OSListObj {
   OSIndirectList answers;    ///< DnsResources; owns them
   OSIndirectList authorities;  ///< DnsResources; owns them
   OSIndirectList additionals;  ///< DnsResources; owns them
-
- private:
-  template <class Entry>
-  bool decode_all(DnsReader& reader, int count, OSIndirectList& list);
 };
 
 // ---- Asking ------------------------------------------------------------------------------------------------
@@ -220,7 +216,8 @@ class OSKERNEL_API DnsLookup : public OSIO {
   ///             on another thread, when it is safe to do so as well.
   ///   threads   any, inside no section; waits neither for the network nor for the name cache
   DnsLookup(char* name, Type type, const char* server, OSCallbackFunction function, OSObj* object);
-  /// No callback comes any more. Waits for one that another thread is in.
+  /// No callback comes any more. One for an answer that another thread is in is waited for; one for the time-out is not,
+  /// as with any timer: whoever deletes a waiting lookup is on the thread that dispatches it, or sees to that himself.
   ///   threads   any but the monitor thread; from the callback, too
   ~DnsLookup() override;
   DnsLookup(const DnsLookup&) = delete;
@@ -243,8 +240,9 @@ class OSKERNEL_API DnsLookup : public OSIO {
   OSTimerTrigger timer;         ///< runs while an answer is waited for
 
  private:
-  enum { kAsking, kAnswerWaits, kAsked };
-  /// How far the constructor is, and whether an answer waits for its end. Accessed atomically.
+  enum { kAsking, kAnswerWaits, kAsked, kGoing };
+  /// How far the constructor is, and whether an answer waits for its end; then, that the lookup is being deleted.
+  /// Accessed atomically.
   int stage_;
 };
 

@@ -119,7 +119,9 @@ DnsLookup::DnsLookup(char* name, Type type, const char* server, OSCallbackFuncti
 
 DnsLookup::~DnsLookup() {
   diagnostics().Print("DNS: %p ~DnsLookup", static_cast<void*>(this));
-  // The socket before the answer: while it lives, another one may be on its way here.
+  // While the socket goes, another answer may still come in: it finds that it is too late, or Free waits for it.
+  publish(stage_, int{kGoing});
+  timer.Cancel();
   if (socket != nullptr) socket->Free();
   delete response;
 }
@@ -127,7 +129,11 @@ DnsLookup::~DnsLookup() {
 OSIORetCode DnsLookup::DatagramIndication(OSBuf* buf, void* /*from*/, void* /*to*/) {
   int stage = kAsking;
   const bool early = std::atomic_ref(stage_).compare_exchange_strong(stage, kAnswerWaits);
-  while ((stage = seen(stage_)) != kAsked) std::atomic_ref(stage_).wait(stage);
+  while ((stage = seen(stage_)) < kAsked) std::atomic_ref(stage_).wait(stage);
+  if (stage == kGoing) {
+    buf->Free();
+    return Success;
+  }
 
   auto* const message = new (std::nothrow) DnsMessage;
   if (message == nullptr) {

@@ -397,7 +397,7 @@ void AsyncSocket::DNSResult(const char* name, ULONG addr) {
   if (addr == 0) {
     diagnostics().Print("%d AsyncSocket::DNSResult - couldn't resolve host %s", seen(s), name);
     publish(state, static_cast<int>(SSDisconnected));
-    drop_held_datagrams();
+    release_held_datagrams(false);
     indicate(1, Failed, 0);
     return;
   }
