@@ -163,6 +163,11 @@ void report_out_of_links() {
   if (Console != nullptr) Console->Fatal("OSLink::Alloc Out Of links");
 }
 
+/// What is every link's own, for functions of the pool that are not.
+struct Ring : OSLink {
+  using OSLink::unlink_;
+};
+
 }  // namespace
 
 // The pool.
@@ -255,21 +260,15 @@ std::size_t take_links(OSLink** links, std::size_t wanted) {
   std::size_t taken = 0;
   {
     const SectionLock lock(&OS_CRITICAL_LINK);
-    OSLink* const pool = OSLink::link_pool;
-    OSLink* link = pool != nullptr ? pool->First() : nullptr;
-    while (taken < wanted && link != nullptr && link != pool && link->isFree && lies_in_block_locked(link)) {
-      links[taken++] = link;
-      OSLink* const after = link->next;
+    while (taken < wanted) {
+      OSLink* const link = OSLink::link_pool != nullptr ? OSLink::link_pool->First() : nullptr;
+      if (link == nullptr || !link->isFree || !lies_in_block_locked(link)) break;
+      Ring::unlink_(link);
       link->object = nullptr;
       link->isFree = false;
-      link->next = link->previous = link;
-      link = after;
+      links[taken++] = link;
     }
-    if (taken != 0) {
-      pool->next = link;
-      link->previous = pool;
-      set_pool_size_locked(OSLink::link_pool_size - static_cast<ULONG>(taken));
-    }
+    set_pool_size_locked(OSLink::link_pool_size - static_cast<ULONG>(taken));
   }
   // What is wrong with an empty pool, or with its first link, Alloc knows.
   if (taken == 0 && wanted != 0) {

@@ -83,7 +83,7 @@ class ScriptedNameServer {
   bool wait_for_questions(std::size_t count) {
     std::unique_lock<std::mutex> lock(mutex_);
     return done_.wait_for(lock, std::chrono::milliseconds(kPeerPatienceMs),
-                           [&] { return answered_ >= count; });
+                          [&] { return answered_ >= count; });
   }
 
  private:
