@@ -319,6 +319,8 @@ TEST_F(DnsDecode, ARecordWhoseNameCannotBeExpandedTakesNoBytes) {
     SCOPED_TRACE(i);
     std::string wire = records[i];
     DnsResource record;
+    std::string before = dns_record(dns_name("x"), T_NS, 1, dns_name("ns.x"));
+    EXPECT_GT(record.Decode(bytes_in(before), bytes_in(before)), 0);
     EXPECT_EQ(record.Decode(bytes_in(wire), bytes_in(wire)), 0);
     EXPECT_STREQ(record.name, "");
     EXPECT_STREQ(record.target, "");
@@ -424,6 +426,51 @@ TEST_F(DnsDecode, ANameMayPointToWhatFollows) {
             (std::vector<std::string>{
                 "answer www.abc type 2 class 1 ttl 1 addr 0 priority 0 weight 0 port 0 target 'ns.abc'",
                 "additional ns.abc type 1 class 1 ttl 2 addr 9 priority 0 weight 0 port 0 target ''"}));
+}
+
+/// A message of two records, which are their names alone, and what follows them.
+std::string two_names(const std::string& first, const std::string& second, const std::string& rest) {
+  const std::string nothing_else(10, '\0');
+  return from_hex("0000 8180 0000 0002 0000 0000") + first + nothing_else + second + nothing_else + rest;
+}
+
+std::vector<std::string> names_of(const std::string& wire) {
+  DnsMessage message;
+  const ExactBuffer buf(wire);
+  message.Decode(buf.get());
+  std::vector<std::string> names;
+  for (const DnsResource* record : listed<DnsResource>(message.answers)) {
+    names.emplace_back(record->name);
+    EXPECT_EQ(record->type, 0) << "the record begins behind its name";
+  }
+  return names;
+}
+
+TEST_F(DnsDecode, TheSameNameIsFoundAgainThroughAPointerOrAtItsPlace) {
+  using Names = std::vector<std::string>;
+  // The first name stands at 12.
+  EXPECT_EQ(names_of(two_names(dns_name("a.bc"), dns_pointer(12), "")), (Names{"a.bc", "a.bc"}));
+  EXPECT_EQ(names_of(two_names(dns_name("a.bc"), dns_pointer(14), "")), (Names{"a.bc", "bc"}));
+  EXPECT_EQ(names_of(two_names(dns_pointer(36), dns_pointer(36), dns_name("a"))), (Names{"a", "a"}));
+  EXPECT_EQ(names_of(two_names(dns_pointer(36), dns_pointer(12), dns_name("a"))), (Names{"a", "a"}));
+  // The name that the first points to is the second's own, which takes all its bytes.
+  EXPECT_EQ(names_of(two_names(dns_pointer(24), dns_name("ab.c"), "")), (Names{"ab.c", "ab.c"}));
+  // The header read as a name is that of the root, whose place is 0.
+  EXPECT_EQ(names_of(two_names(dns_name("a"), dns_pointer(0), "")), (Names{"a", ""}));
+  EXPECT_EQ(names_of(two_names(dns_pointer(36), dns_pointer(0), dns_name("a"))), (Names{"a", ""}));
+  EXPECT_EQ(names_of(two_names(dns_pointer(0), dns_pointer(36), dns_name("a"))), (Names{"", "a"}));
+}
+
+TEST_F(DnsDecode, PointersToPlacesThatDifferInOneBitAreTwoNames) {
+  constexpr std::size_t kPlace = 0x100;
+  for (std::size_t bit = 4; bit < 0x4000; bit *= 2) {
+    SCOPED_TRACE(bit);
+    std::string wire = two_names(dns_pointer(kPlace), dns_pointer(kPlace ^ bit), "");
+    wire.resize(0x4000, '\0');
+    wire.replace(kPlace, 3, dns_name("a"));
+    wire.replace(kPlace ^ bit, 3, dns_name("b"));
+    EXPECT_EQ(names_of(wire), (std::vector<std::string>{"a", "b"}));
+  }
 }
 
 TEST_F(DnsDecode, OffsetsCountFromTheBuffersDataWhereverThatLies) {

@@ -8,6 +8,7 @@
 
 #include "support/acts_at_a_line.h"
 #include "support/dns_lookup_fixture.h"
+#include "support/failing_new.h"
 #include "support/fake_clock.h"
 #include "support/graveyard.h"
 #include "support/watched_thread.h"
@@ -152,6 +153,34 @@ TEST_F(DnsTime, AnAnswerThatIsHandedOnWithTheTimeOutIsTheLastWord) {
   ASSERT_TRUE(dispatch_until([this] { return asker_.count(0) == 1; }));
   pass(5000);
   EXPECT_THAT(asker_.values(), AnyOf(ElementsAre(0u), ElementsAre(1u, 0u))) << "no time-out behind an answer";
+}
+
+TEST_F(DnsTime, AnAnswerThatFindsNoMemoryIsNone) {
+  const OwnedLookup lookup = ask(asker_, "host.test");
+  const auto in_vain = [&lookup] {
+    OSIO* const layer = lookup.get();
+    OSBuf* const buf = dns_buffer(address_answer("host.test", kAddr));
+    FailingNew::fail_at_least(sizeof(DnsMessage));
+    EXPECT_EQ(layer->DatagramIndication(buf, nullptr, nullptr), Success);
+    FailingNew::reset();
+    EXPECT_EQ(buffers_out(), 0);
+  };
+  pass(3000);
+  in_vain();
+  EXPECT_EQ(lookup->response, nullptr);
+  pass(1999);
+  EXPECT_EQ(asker_.count(), 0u);
+  pass(1);
+  EXPECT_THAT(asker_.values(), ElementsAre(1u)) << "five seconds from the beginning";
+  in_vain();
+  pass(5000);
+  EXPECT_THAT(asker_.values(), ElementsAre(1u)) << "and no second time";
+  ASSERT_TRUE(answered(*lookup));
+  DnsMessage* const before = lookup->response;
+  in_vain();
+  pass(5000);
+  EXPECT_THAT(asker_.values(), ElementsAre(1u, 0u));
+  EXPECT_EQ(lookup->response, before) << "the last answer stays";
 }
 
 // ---- Questions that are not sent ---------------------------------------------------------------------------------

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -12,6 +13,8 @@
 
 #include "support/acts_at_a_line.h"
 #include "support/dns_lookup_fixture.h"
+#include "support/failing_new.h"
+#include "support/watched_thread.h"
 
 using namespace oskernel_test;
 using testing::ElementsAre;
@@ -134,6 +137,72 @@ TEST_P(DnsRace, ADatagramThatComesBeforeTheQuestionIsTheAnswer) {
     std::atomic_ref<int>(DNSEntry::trace).store(0);
     AsyncSocket::Cleanup();
   }
+}
+
+/// Hands an answer to the lookup that is being constructed, at the last line that it prints. The answer waits there.
+class EarlyAnswer {
+ public:
+  /// Runs when the answer waits, before the constructor goes on.
+  using Then = std::function<void()>;
+
+  explicit EarlyAnswer(Then then = [] {})
+      : line_("Buf: buf ", [this, then] {
+          auto* const lookup = static_cast<DnsLookup*>(live_sockets().back()->Partner());
+          EXPECT_EQ(lookup->timer.State(), OS_T_INACTIVE);
+          EXPECT_EQ(lookup->timer.duration, 0u);
+          OSBuf* const buf = dns_buffer(address_answer("host.test", kAddr));
+          giver_ = std::make_unique<WatchedThread>([this, lookup, buf] {
+            OSIO* const layer = lookup;
+            result_ = layer->DatagramIndication(buf, nullptr, nullptr);
+          });
+          EXPECT_TRUE(giver_->blocked());
+          then();
+        }) {}
+
+  /// What has become of it, when it has been taken.
+  OSIORetCode result() {
+    if (giver_ == nullptr || !giver_->finished_within(kPatienceMs)) return NotSupported;
+    return result_;
+  }
+
+ private:
+  std::atomic<OSIORetCode> result_{NotSupported};
+  ActsOnceAtALine line_;
+  std::unique_ptr<WatchedThread> giver_;  // its end comes first: it prints
+};
+
+TEST_P(DnsRace, TheTimeDoesNotRunWhenAnAnswerWaitsForTheEndOfTheConstructor) {
+  AsyncSocket::Cleanup();  // its threads print
+  std::atomic<bool> ever_ran{false};
+  asker_.set_hook([&](DnsLookup* lookup, ULONG) {
+    ever_ran = lookup->timer.duration != 0 || lookup->timer.State() != OS_T_INACTIVE;
+    if (deletes()) delete lookup;
+  });
+  {
+    EarlyAnswer early([this] { EXPECT_EQ(asker_.count(), 0u); });
+    DnsLookup* const lookup = ask_and_let_go(asker_, "host.test", T_A, "10.53.53.53");
+    EXPECT_EQ(early.result(), Success);
+    expect_one_answer(lookup);
+    AsyncSocket::Cleanup();
+  }
+  EXPECT_FALSE(ever_ran) << "it is not even started";
+  EXPECT_TRUE(wait_until([] { return PoolState::now().buffers_out == 0; }, kPatienceMs));
+}
+
+TEST_P(DnsRace, TheTimeRunsWhenTheAnswerThatWaitedFindsNoMemory) {
+  AsyncSocket::Cleanup();
+  {
+    EarlyAnswer early([] { FailingNew::fail_at_least(sizeof(DnsMessage)); });
+    const OwnedLookup lookup = ask(asker_, "host.test");
+    EXPECT_EQ(early.result(), Success);
+    FailingNew::reset();
+    EXPECT_EQ(lookup->timer.State(), OS_T_WAIT);
+    EXPECT_EQ(lookup->timer.duration, kAnswerWaitMs);
+    EXPECT_EQ(lookup->response, nullptr);
+    EXPECT_EQ(asker_.count(), 0u);
+  }
+  AsyncSocket::Cleanup();
+  EXPECT_EQ(PoolState::now().buffers_out, 0);
 }
 
 // ---- The name cache beside it ------------------------------------------------------------------------------------

@@ -192,6 +192,20 @@ TEST_F(DnsAnswer, AFurtherAnswerTakesThePlaceOfTheOneBefore) {
   EXPECT_EQ(buffers_out(), 0);
 }
 
+TEST_F(DnsAnswer, TheAnswerBeforeIsThereUntilTheNextHasBeenPrinted) {
+  const OwnedLookup lookup = ask(asker_, "host.test");
+  ASSERT_TRUE(answered(*lookup, address_answer("host.test", kAddr)));
+  DnsMessage* const before = lookup->response;
+  DnsMessage* seen = nullptr;
+  {
+    ActsOnceAtALine console_line("next.test", [&] { seen = lookup->response; });
+    EXPECT_EQ(give(*lookup, dns_buffer(address_answer("next.test", kAddr + 1))), Success);
+    EXPECT_TRUE(console_line.has_acted());
+  }
+  EXPECT_EQ(seen, before);
+  EXPECT_NE(lookup->response, before);
+}
+
 TEST_F(DnsAnswer, AnswersThatCameTogetherAreToldOneByOneInOrder) {
   std::vector<ULONG> found;
   asker_.set_hook([&found](DnsLookup* lookup, ULONG) { found.push_back(first_address(*lookup)); });
@@ -449,6 +463,27 @@ TEST_F(DnsAnswer, NoAnswerComesWhileALookupIsBeingDeleted) {
     EXPECT_EQ(asker_.count(), 0u) << "its callback may delete it, too";
     EXPECT_EQ(buffers_out(), 0);
   }
+  AsyncSocket::Cleanup();
+}
+
+TEST_F(DnsAnswer, WhatIsHandedOnWhileALookupIsBeingDeletedIsFreed) {
+  AsyncSocket::Cleanup();
+  WatchedBuffer buf(address_answer("host.test", kAddr));
+  OSIORetCode result = Blocked;
+  OwnedLookup lookup;
+  OSIO* layer = nullptr;
+  ActsOnceAtALine console_line("AsyncSocket::Free - delete of",
+                               [&] { result = layer->DatagramIndication(&buf, nullptr, nullptr); });
+  {
+    const Tracing tracing;
+    lookup = ask(asker_, "host.test");
+    layer = lookup.get();
+    lookup.reset();
+  }
+  EXPECT_TRUE(console_line.has_acted());
+  EXPECT_EQ(result, Success);
+  EXPECT_EQ(buf.freed, 1);
+  EXPECT_EQ(asker_.count(), 0u);
   AsyncSocket::Cleanup();
 }
 

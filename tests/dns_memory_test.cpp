@@ -11,6 +11,7 @@
 #include "support/dns_fixture.h"
 #include "support/failing_heap.h"
 #include "support/link_drought.h"
+#include "support/section_wait.h"
 
 namespace oskernel_test {
 namespace {
@@ -201,6 +202,121 @@ TEST_F(DnsMemory, DecodingEndsWhereLinksDo) {
     EXPECT_EQ(console.fatals(),
               left == 8 ? std::vector<std::string>{} : std::vector<std::string>{kOutOfLinks});
   }
+}
+
+TEST_F(DnsMemory, ThePoolGrowsWhenItsLinksEndInTheMiddle) {
+  const ExactBuffer buf(message_of_eight().bytes());
+  for (ULONG left = 0; left <= 8; ++left) {
+    SCOPED_TRACE(left);
+    DnsMessage message;
+    {
+      const LinkDrought drought(left);
+      FailingNew::reset();
+      message.Decode(buf.get());
+      EXPECT_EQ(links_free(), left == 8 ? 0U : left + static_cast<ULONG>(cfg.link_qty) - 8);
+    }
+    EXPECT_EQ(shown(message).size(), 8U);
+  }
+  EXPECT_TRUE(console.fatals().empty());
+}
+
+// ---- Damage ------------------------------------------------------------------------------------------------
+
+TEST_F(DnsMemory, ADamagedLinkInThePoolIsReportedAndEndsTheDecoding) {
+  const ExactBuffer buf(message_of_eight().bytes());
+  for (const int place : {0, 3}) {
+    SCOPED_TRACE(place);
+    OSLink* link = OSLink::link_pool->First();
+    for (int i = 0; i < place; ++i) link = link->next;
+    link->isFree = false;
+    console.clear();
+    {
+      DnsMessage message;
+      EXPECT_EQ(message.Decode(buf.get()), 0);
+      EXPECT_EQ(shown(message).size(), static_cast<std::size_t>(place));
+      EXPECT_EQ(console.fatals(), std::vector<std::string>{"OSLink::Alloc link already allocated"});
+      link->isFree = true;
+    }
+  }
+}
+
+TEST_F(DnsMemory, AStrangerInThePoolIsReportedAndEndsTheDecoding) {
+  const ExactBuffer buf(message_of_eight().bytes());
+  OSLink stranger;
+  stranger.isFree = true;
+  OSLink::link_pool->Insert(&stranger, &stranger);
+  ++OSLink::link_pool_size;
+  {
+    DnsMessage message;
+    EXPECT_EQ(message.Decode(buf.get()), 0);
+    EXPECT_EQ(shown(message).size(), 0U);
+    EXPECT_EQ(console.fatals(), std::vector<std::string>{"OSLink::Alloc corrupt link"});
+  }
+  stranger.Remove();
+  --OSLink::link_pool_size;
+}
+
+TEST_F(DnsMemory, WithoutAPoolNothingIsDecoded) {
+  const ExactBuffer buf(message_of_eight().bytes());
+  OSLink* const pool = OSLink::link_pool;
+  OSLink::link_pool = nullptr;
+  {
+    DnsMessage message;
+    EXPECT_EQ(message.Decode(buf.get()), 0);
+    EXPECT_EQ(header_of(message), (std::vector<int>{9, 9, 2, 2, 2, 2}));
+    EXPECT_EQ(shown(message).size(), 0U);
+  }
+  OSLink::link_pool = pool;
+  EXPECT_EQ(console.fatals(), std::vector<std::string>{kOutOfLinks});
+}
+
+TEST_F(DnsMemory, ALinkThatIsNotThePoolsIsReportedAndTheOthersGoHome) {
+  const ULONG links = links_free();
+  for (const bool marked : {true, false}) {
+    SCOPED_TRACE(marked);
+    console.clear();
+    OSLink stranger;
+    {
+      DnsMessage message;
+      decode(&message, DnsWire().answer(dns_name("a"), T_A, 1, rdata_a(1)).bytes());
+      message.answers.OSLinkList::Append(&stranger, new DnsResource);
+      message.answers.Append(new DnsResource);
+      stranger.isFree = marked;
+    }
+    EXPECT_EQ(console.fatals(),
+              std::vector<std::string>{marked ? "OSLink::Free already free" : "OSLink::Free corrupt link"});
+    EXPECT_EQ(links_free(), links);
+    EXPECT_TRUE(LinkPoolIsSound());
+  }
+}
+
+TEST_F(DnsMemory, ALinkThatIsMarkedFreeInAListIsReportedAndTheOthersGoHome) {
+  const ULONG links = links_free();
+  OSLink* marked = nullptr;
+  {
+    DnsMessage message;
+    decode(&message, message_of_eight().bytes());
+    marked = message.answers.First();
+    marked->isFree = true;
+  }
+  EXPECT_EQ(console.fatals(), std::vector<std::string>{"OSLink::Free already free"});
+  EXPECT_EQ(links_free(), links - 1);
+  marked->isFree = false;
+  marked->Free();
+  EXPECT_EQ(links_free(), links);
+}
+
+TEST_F(DnsMemory, LinksAreTakenAndGivenBackInsideThePoolsSection) {
+  DnsMessage message;
+  auto* const other = new DnsMessage;
+  const std::string wire = DnsWire().question(dns_name("q"), T_A).bytes();
+  decode(other, wire);
+  const ExactBuffer buf(wire);
+  ExpectOthersWait(OS_CRITICAL_LINK, {
+                                         {"Decode", [&] { message.Decode(buf.get()); }},
+                                         {"~DnsMessage", [other] { delete other; }},
+                                     });
+  EXPECT_EQ(shown(message).size(), 1U);
 }
 
 }  // namespace

@@ -9,8 +9,10 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/acts_at_a_line.h"
 #include "support/buffer_drought.h"
 #include "support/dns_lookup_fixture.h"
+#include "support/failing_new.h"
 #include "support/socket_probe.h"
 #include "support/vtable_slot.h"
 
@@ -152,6 +154,12 @@ TEST_F(DnsQuery, ADotAtTheEndIsAnEmptyLabel) {
 
 TEST_F(DnsQuery, TheEmptyNameIsOneEmptyLabel) {
   EXPECT_EQ(asked(""), from_hex("0001 0180 0001 0000 0000 0000 00 00 0001 0001"));
+}
+
+TEST_F(DnsQuery, NoNameIsTheEmptyName) {
+  const OwnedLookup lookup(new DnsLookup(nullptr, T_A, "10.53.53.53", Asker::told, asker_.obj()));
+  EXPECT_EQ(server_.last().bytes, from_hex("0001 0180 0001 0000 0000 0000 00 00 0001 0001"));
+  EXPECT_THAT(lines_of(lookup.get()), ElementsAre(lookup_line(lookup.get(), "DnsLookup - ")));
 }
 
 // ---- Names that are not sent -------------------------------------------------------------------------------------
@@ -357,6 +365,21 @@ TEST_F(DnsQuery, TheSocketIsAnIndirectDatagramSocketBelow) {
   EXPECT_TRUE(running(*socket));
 }
 
+// A datagram may come as soon as the socket has a port.
+TEST_F(DnsQuery, TheSocketIsBoundBeforeItIsCreated) {
+  AsyncSocket::Cleanup();  // its threads print
+  {
+    OSIO* above = nullptr;
+    ActsOnceAtALine console_line("AsyncSocket::Create(2,0,",
+                                 [&] { above = live_sockets().back()->Partner(); });
+    const Tracing tracing;
+    const OwnedLookup lookup = ask(asker_, "host.test");
+    EXPECT_TRUE(console_line.has_acted());
+    EXPECT_EQ(above, lookup.get());
+  }
+  AsyncSocket::Cleanup();
+}
+
 TEST_F(DnsQuery, ItAsksFromThePrimaryAddressWhenThereIsOne) {
   AsyncSocket::SetPrimaryAddress(kLoopback2);
   const OwnedLookup lookup = ask(asker_, "host.test");
@@ -424,7 +447,8 @@ TEST_F(DnsQuery, TheQuestionIsDumped) {
   ASSERT_EQ(lines.size(), 5u) << testing::PrintToString(lines);
   EXPECT_EQ(lines[0], lookup_line(lookup.get(), "DnsLookup - abc.defghij.klm"));
   EXPECT_THAT(lines[1], testing::StartsWith("Buf: buf "));
-  EXPECT_THAT(lines[1], testing::HasSubstr(" len 33, "));
+  ASSERT_TRUE(cfg.buf_size[2] < 1024 && 1024 <= cfg.buf_size[3]) << "its buffer is asked for with 1024 bytes";
+  EXPECT_THAT(lines[1], testing::HasSubstr(text_of(" size %d, len 33, ", cfg.buf_size[3])));
   EXPECT_EQ(lines[2], "0000  00 01 01 80 00 01 00 00 00 00 00 00 03 61 62 63  .............abc");
   EXPECT_EQ(lines[3], "0010  07 64 65 66 67 68 69 6a 03 6b 6c 6d 00 00 01 00  .defghij.klm....");
   EXPECT_EQ(lines[4], "0020  01                                               .");
@@ -451,6 +475,19 @@ TEST_F(DnsQuery, WithoutABufferNothingIsSentAndTheTimeOutStays) {
   expected_fatals = console.fatals();
   ASSERT_EQ(expected_fatals.size(), 1u);
   EXPECT_THAT(expected_fatals[0], testing::HasSubstr("Out Of Buffers"));
+}
+
+TEST_F(DnsQuery, WithoutMemoryForASocketNothingIsSentAndTheTimeOutStays) {
+  FailingNew::fail_at_least(sizeof(AsyncSocket));
+  OwnedLookup lookup = ask(asker_, "host.test");
+  FailingNew::reset();
+  EXPECT_EQ(lookup->socket, nullptr);
+  EXPECT_EQ(lookup->timer.State(), OS_T_WAIT);
+  EXPECT_EQ(lookup->timer.duration, kAnswerWaitMs);
+  EXPECT_THAT(server_.sent_bytes(), IsEmpty());
+  EXPECT_EQ(buffers_out(), 0);
+  lookup.reset();
+  EXPECT_EQ(OS_TIMER_LIST.Size(), 0);
 }
 
 TEST_F(DnsQuery, WithoutADescriptorNothingIsSentAndTheTimeOutStays) {
