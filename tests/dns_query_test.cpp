@@ -19,6 +19,7 @@
 using namespace oskernel_test;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 namespace {
 
@@ -491,7 +492,10 @@ TEST_F(DnsQuery, WithoutMemoryForASocketNothingIsSentAndTheTimeOutStays) {
 }
 
 TEST_F(DnsQuery, WithoutADescriptorNothingIsSentAndTheTimeOutStays) {
-  settle();  // the monitor thread has all that it opens
+  // The monitor thread has all that it opens then, and a sanitizer, which looks at objects through a pipe, has looked.
+  ask(asker_, "host.test").reset();
+  settle();
+  const std::size_t sent = server_.sent_bytes().size();
   rlimit limit = {};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
   rlimit none = limit;
@@ -501,7 +505,7 @@ TEST_F(DnsQuery, WithoutADescriptorNothingIsSentAndTheTimeOutStays) {
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
   EXPECT_EQ(lookup->socket->s, -1);
   EXPECT_EQ(lookup->timer.State(), OS_T_WAIT);
-  EXPECT_THAT(server_.sent_bytes(), IsEmpty());
+  EXPECT_THAT(server_.sent_bytes(), SizeIs(sent));
   EXPECT_EQ(buffers_out(), 0);
 }
 
