@@ -12,10 +12,14 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -357,7 +361,25 @@ inline int open_descriptors() {
   }
   return fewest;
 }
-inline int running_threads() { return directory_entries("/proc/self/task"); }
+inline int running_threads() {
+  // One that has been joined may still be listed while the system clears it away; its flags (proc(5), the ninth
+  // field of stat) say so before the join returns.
+  constexpr unsigned long kExiting = 0x4;
+  int count = 0;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task", error)) {
+    std::ifstream file(entry.path() / "stat");
+    std::string line;
+    if (!std::getline(file, line)) continue;  // gone meanwhile
+    std::istringstream fields(line.substr(line.rfind(')') + 1));
+    std::string skipped;
+    for (int i = 0; i < 6; ++i) fields >> skipped;
+    unsigned long flags = 0;
+    fields >> flags;
+    if ((flags & kExiting) == 0) ++count;
+  }
+  return count;
+}
 
 /// What of the kernel's pools is in use.
 struct PoolState {
