@@ -33,6 +33,14 @@ struct OSBuf::Snapshot {
   static void print_allocated();
 };
 
+/// OSBuf::Compact in halves, for those who merge inside a section: a buffer's callbacks are the program's, so the buffer
+/// is freed when the section has been left.
+struct BufferMerge {
+  /// As into->Compact(from, max), but frees nothing.
+  ///   returns   whether `from` has been emptied; then the caller frees it
+  static bool take(OSBuf* into, OSBuf* from, UWORD max);
+};
+
 inline std::uintptr_t buffer_address(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
 
 /// The room that is kept in front of data copied into a buffer, in bytes.

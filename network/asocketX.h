@@ -1,3 +1,4 @@
+/// @file
 /// The asynchronous TCP and UDP socket.
 ///
 /// A socket is a layer: the layer above binds to it as its partner, hands it buffers to send through the indications
@@ -32,9 +33,27 @@ class SocketMonitor;
 class SocketRegistry;
 class SocketVisit;
 
-enum SocketState { SSInitial = 0, SSConnecting = 1, SSConnected = 2, SSDisconnected = 3 };
-enum SecureState { SecClear = 0, SecHandshake = 1, SecSecure = 2 };
-enum MulticastFlags { McSendOnly = 1, McReceiveOnly = 2, McSendAndReceive = 3 };
+/// Where a socket stands; the table of AsyncSocket says what moves it on.
+enum SocketState {
+  SSInitial = 0,      ///< no connection: new, closed, listening, or a datagram socket without destination
+  SSConnecting = 1,   ///< a stream on its way
+  SSConnected = 2,    ///< a stream that is up, or a datagram socket with a destination
+  SSDisconnected = 3  ///< a stream that has ended or failed, or a peer's name that was not found
+};
+
+/// Where the TLS session of a stream stands.
+enum SecureState {
+  SecClear = 0,      ///< none
+  SecHandshake = 1,  ///< the handshake is going on
+  SecSecure = 2      ///< established
+};
+
+/// What a multicast socket is for, see AsyncSocket::CreateMulticast.
+enum MulticastFlags {
+  McSendOnly = 1,       ///< sends to the group
+  McReceiveOnly = 2,    ///< receives what is sent to the group
+  McSendAndReceive = 3  ///< both
+};
 
 /// A socket. Life: construct, Create, Connect or Listen (or ConnectAck when Listen handed it over), traffic, Free.
 ///
@@ -149,9 +168,15 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   /// Gives the socket its peer. A stream connects in the background: ConnectIndication or DisconnectIndication tells
   /// the outcome. A datagram socket is connected at once; for a multicast address the outgoing interface and a TTL of
   /// 64 are set.
+  /// Deliberate: a direct stream tries twice and then indicates Timeout, whatever the system's error was, which only
+  /// the console is told; an indirect one tries once and indicates Failed with the errno. Programs tell the two kinds
+  /// of socket apart by it. Pinned by socket_connect_test.cpp, ADirectStreamThatIsRefusedTriesTwiceAndTimesOut and
+  /// AnIndirectStreamThatIsRefusedIsToldOnceWithTheError.
   ///   addr, port  host order
   ///   returns     0
   int Connect(ULONG addr, UWORD port);
+  /// The same for an address and its port.
+  ///   returns   0
   int Connect(SockAddr& sa);
   /// The same by text: an address, or a host name that is resolved in the background (dnsentry.h). A name that cannot
   /// be resolved is reported as DisconnectIndication(Failed, 0).
@@ -213,6 +238,9 @@ class OSKERNEL_API AsyncSocket : public OSIO {
 
   void SetDiffServ(UBYTE diffserv);  ///< the whole type-of-service byte (IP_TOS) as it is
   /// Lets reads of 1680 bytes and more take a buffer of their size: one of class 0 with storage on the heap.
+  /// Deliberate: without it a read takes 1600 bytes, and what a datagram has behind them is lost without a word. The
+  /// pools' largest class bounds what a peer can make the socket hold; programs whose peers send longer ones set
+  /// this. Pinned by socket_receive_datagram_test.cpp, WithoutLargeBuffersIsCutTo1600.
   void SetBigBuffers(bool allowed);
   ULONG LocalIP_n();     ///< local address, network order; asks the system while it is 0
   ULONG LocalIP_h();     ///< the same in host order
@@ -234,6 +262,9 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   static void SetPrimaryAddress(ULONG ipaddr);  ///< local_ipaddr, host order; start-up
   static void SetPrimaryInterfaces(char* i0);   ///< local_ifname[0]; lent for good; start-up
   /// The local address from which a destination is reached.
+  /// Deliberate: once modulePublicIPAddress is set, what is private is judged by RFC 1918 alone. The network that
+  /// SockAddr::SetPrivateNetwork names may itself lie behind the public address. Pinned by
+  /// socket_interface_test.cpp, TheSitesOwnPrivateNetworkDoesNotCountHere.
   ///   dest      host order; 255.255.255.255 means any
   ///   returns   host order; 0 when there is none
   static ULONG LookupIface(ULONG dest);
@@ -245,16 +276,31 @@ class OSKERNEL_API AsyncSocket : public OSIO {
 
   // ---- The machinery: called by the library, public for programs that extend it ------------------------------
 
+  /// The monitor thread's entry; Init starts it. Runs until monitor_stop. null.
   static void* MonitorThread(void* unused);
   /// Makes the monitor thread look at all sockets again, after a program has changed a socket's fields itself.
   static void WakeMonitorThread();
   void StartTask();  ///< starts reception: Create, Connect, Listen and ConnectAck call it
+  /// The entry of a direct socket's receive thread: connects if that is still to be done, then calls Poll for as
+  /// long as `running` says so. null.
+  ///   p         the socket
   static void* Main(LPVOID p);
+  /// The entry of a direct listener's thread: accepts and queues connections while `running` says so. null.
+  ///   p         the socket
   static void* ListenMain(LPVOID p);
   /// A receive buffer for `size` bytes, from the pools (indirect) or the ring (direct); null when there is none.
   OSBuf* AllocBuffer(int size);
+  /// The callback of qtrigger: passes what waits in q to Receive, for about 100 ms, and arms qtrigger again.
+  ///   obj         the socket; nothing happens when it is gone
+  ///   addr        not used
+  ///   generation  which socket at that address; 0 for any
   static void _QCallback(OSObj* obj, ADDR addr, ULONG generation);
+  /// The callback of listenqtrigger: makes a socket of each connection in listenq (GetNewSocket), gives it the peer's
+  /// address and the listener's `secure`, and hands it to the function given to Listen. Arms listenqtrigger again.
+  ///   obj, addr, generation  as for _QCallback
   static void _ListenQCallback(OSObj* obj, ADDR addr, ULONG generation);
+  /// The callback of startRetry: tries once more to start the thread, unless the socket has been closed.
+  ///   obj, unused_addr, generation  as for _QCallback
   static void StartRetry(OSObj* obj, ADDR unused_addr, ULONG generation);
   /// Buffer-free callback of a large read: deletes its array.
   static void LargeBufferCallback(OSObj* array, ADDR unused_addr, ULONG unused_value);
@@ -268,12 +314,12 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   bool deleted;  ///< Free has been called. Accessed atomically; set before the monitor thread is woken
   bool
       deletedAck;  ///< the monitor thread has let go. Accessed atomically; what it did before is seen after it
-  bool receive_started;  ///< accessed atomically
-  bool big_buffers_allowed;
-  int type;       ///< SOCK_STREAM or SOCK_DGRAM; 0 until Create
-  bool listener;  ///< accessed atomically
-  OSCallbackFunction listenFn;
-  void* listenObj;
+  bool receive_started;         ///< accessed atomically
+  bool big_buffers_allowed;     ///< see SetBigBuffers. Accessed atomically.
+  int type;                     ///< SOCK_STREAM or SOCK_DGRAM; 0 until Create
+  bool listener;                ///< accessed atomically
+  OSCallbackFunction listenFn;  ///< Listen's fn
+  void* listenObj;              ///< Listen's obj
   OSIndirectList earlyData;   ///< given to send before there was a connection or destination; under local_cs
   OSQueue listenq;            ///< accepted connections, SocketLinks; under local_cs
   OSQTrigger listenqtrigger;  ///< runs _ListenQCallback
@@ -360,6 +406,7 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   // Sending (asocketX_send.cpp).
   enum class Queued { kQueued, kConnected, kDisconnected };
   Queued queue_until_connected(OSBuf* buf);
+  bool merge_early_locked(OSBuf* buf, bool* emptied);
   bool append_early_locked(OSBuf* buf);
   void remove_early(OSBuf* buf);
   bool sends_early_data();

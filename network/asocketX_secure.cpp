@@ -22,8 +22,6 @@ constexpr int kConnectLook_ms = 10;
 constexpr int kHandshakeWait_ms = 1000;
 /// What is taken out of one session before others have their turn.
 constexpr int kMostReads = 64;
-/// What is given before the session is established is merged into buffers of this size.
-constexpr UWORD kMerged_bytes = 1400;
 
 OSBuf* buffer_of(OSListObj* queued) { return static_cast<OSBuf*>(static_cast<OSLinkListObj*>(queued)); }
 
@@ -150,6 +148,9 @@ int AsyncSocket::StartSSL(bool server, ULONG options, char* peer_name) {
     return -1;
   }
   if (indirect_socket) SocketMonitor::look_at(this);
+  // Deliberate: after a set-up that failed the socket stays in its handshake, with a session that cannot make one. So
+  // nothing that it is given goes out in the clear; the thread that receives finds the handshake failed and indicates
+  // it. Pinned by tls_socket_start_test.cpp, ASetUpThatFailsLeavesTheSessionAndTheState.
   if (unready != 0) return -1;
   diagnostics().Print("%d AsyncSocket::StartSSL - Handshake", fd);
   int result = session->Handshake();
@@ -265,6 +266,7 @@ void AsyncSocket::receive_secured() {
 ///   returns   false when it is to go through the session now
 bool AsyncSocket::queue_behind_early(OSBuf* buf, OSIORetCode* result) {
   *result = Success;
+  bool emptied = false;
   {
     const SectionLock lock(&local_cs);
     if (seen(state) == SSDisconnected) {
@@ -273,16 +275,12 @@ bool AsyncSocket::queue_behind_early(OSBuf* buf, OSIORetCode* result) {
       return false;
     } else {
       if (seen(trace) >= 2) diagnostics().Print("AsyncSocket::DataIndication - Queuing buffer");
-      OSBuf* const last = buffer_of(earlyData.LastObject());
-      buf = last != nullptr ? last->Compact(buf, kMerged_bytes) : buf;
-      if (buf != nullptr && !append_early_locked(buf)) *result = NoConnection;
+      if (!merge_early_locked(buf, &emptied)) *result = NoConnection;
     }
   }
-  if (*result == NoConnection) {
-    buf->Free();
-  } else if (indirect_socket) {
-    SocketMonitor::look_at(this);
-  }
+  if (*result == Success && indirect_socket) SocketMonitor::look_at(this);
+  if (*result == NoConnection || emptied)
+    buf->Free();  // its callbacks are the program's: outside the section
   return true;
 }
 

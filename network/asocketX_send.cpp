@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <mutex>
 
+#include "kernel/buffer_priv.h"
 #include "kernel/kernel.h"
 #include "network/asocketX.h"
 #include "network/asocketX_priv.h"
@@ -105,19 +106,31 @@ bool AsyncSocket::sends_early_data() {
 
 AsyncSocket::Queued AsyncSocket::queue_until_connected(OSBuf* buf) {
   if (seen(trace) >= 2) diagnostics().Print("AsyncSocket::DataIndication - Queuing buffer");
-  const SectionLock lock(&local_cs);
-  // The connection may have come up, or failed, since the caller looked: its state changes inside this section.
-  switch (seen(state)) {
-    case SSConnected:
-      return Queued::kConnected;
-    case SSDisconnected:
-      return Queued::kDisconnected;
-    default:
-      break;
+  bool emptied = false;
+  {
+    const SectionLock lock(&local_cs);
+    // The connection may have come up, or failed, since the caller looked: its state changes inside this section.
+    switch (seen(state)) {
+      case SSConnected:
+        return Queued::kConnected;
+      case SSDisconnected:
+        return Queued::kDisconnected;
+      default:
+        break;
+    }
+    if (!merge_early_locked(buf, &emptied)) return Queued::kDisconnected;
   }
+  if (emptied) buf->Free();
+  return Queued::kQueued;
+}
+
+/// Merges buf into the last buffer that waits, as far as it fits, and appends what is left of it.
+///   emptied   whether nothing was left; the caller then frees it, outside the section
+///   returns   false without a link; buf is the caller's then
+bool AsyncSocket::merge_early_locked(OSBuf* buf, bool* emptied) {
   OSBuf* const last = buffer_of(earlyData.LastObject());
-  OSBuf* const rest = last != nullptr ? last->Compact(buf, kMerged_bytes) : buf;
-  return rest == nullptr || append_early_locked(rest) ? Queued::kQueued : Queued::kDisconnected;
+  *emptied = last != nullptr && BufferMerge::take(last, buf, kMerged_bytes);
+  return *emptied || append_early_locked(buf);
 }
 
 bool AsyncSocket::append_early_locked(OSBuf* buf) {
@@ -332,6 +345,9 @@ OSIORetCode AsyncSocket::DatagramIndication(OSBuf* buf, void* /*source*/, void* 
   }
   Ends ends(this);
   SockAddr to(ends.remote);
+  // Deliberate: a socket with a peer sends to that alone, whatever address it is given. Layers above pass on the address
+  // that a datagram came from and count on the socket knowing better. Pinned by socket_send_datagram_test.cpp,
+  // WithAPeerTheAddressIsNotLookedAt.
   if (!connected) to = static_cast<sockaddr*>(dest);
   if (seen(trace) >= 2) {
     diagnostics().Print("%d AsyncSocket::DatagramIndication - Sending %d bytes to %s:%u from %s:%u", seen(s),

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/freed_inside.h"
 #include "support/interposed_calls.h"
 #include "support/link_drought.h"
 #include "support/section_wait.h"
@@ -592,6 +593,19 @@ struct SentNext {
 };
 
 using SocketSendIndirect = SocketSend;
+
+TEST_P(SocketSendIndirect, ABufferThatIsMergedIsFreedOutsideTheSocketsSection) {
+  OwnedSocket socket = indirect_socket();
+  ASSERT_EQ(socket->Create(SOCK_STREAM, 0, 0, false), 0);
+  ASSERT_EQ(socket->DataIndication(buffer_of("first")), Success);
+  OSBuf* const second = buffer_of("second");
+  FreedInside freed{&socket->local_cs};
+  second->AddBufferCallback(OSCallback::Alloc(nullptr, FreedInside::note, nullptr, &freed, 0));
+  ASSERT_EQ(socket->DataIndication(second), Success);
+  EXPECT_EQ(freed.calls, 1);
+  EXPECT_EQ(freed.inside, 0)
+      << "its callbacks are the program's, and may enter what comes before the section";
+}
 
 TEST_P(SocketSendIndirect, TheMonitorThreadNeitherWaitsForRoomNorForItsOwnTurn) {
   for (const bool more_queued : {false, true}) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "support/acts_at_a_line.h"
+#include "support/freed_inside.h"
 #include "support/link_drought.h"
 #include "support/tls_socket.h"
 
@@ -84,6 +85,21 @@ TEST_P(TlsSocketGiven, IsMergedIntoBuffersOf1400) {
     ASSERT_TRUE(server.comes_up());
     EXPECT_TRUE(same_bytes(server.peer->read(all.size()), all));
   }
+}
+
+TEST_P(TlsSocketGiven, IsFreedOutsideTheSocketsSectionWhenItIsMerged) {
+  SecureServer server(indirect());
+  server.socket->ConnectAck();
+  ASSERT_EQ(server.socket->DataIndication(buffer_of("first")), Success);
+  OSBuf* const second = buffer_of("second");
+  FreedInside freed{&server.socket->local_cs};
+  second->AddBufferCallback(OSCallback::Alloc(nullptr, FreedInside::note, nullptr, &freed, 0));
+  ASSERT_EQ(server.socket->DataIndication(second), Success);
+  EXPECT_EQ(freed.calls, 1);
+  EXPECT_EQ(freed.inside, 0)
+      << "its callbacks are the program's, and may enter what comes before the section";
+  ASSERT_TRUE(server.comes_up());
+  EXPECT_EQ(server.peer->read(11), "firstsecond");
 }
 
 TEST_P(TlsSocketGiven, IsMentionedAtTraceTwoOnly) {
