@@ -1,11 +1,11 @@
 /// The task object, its thread's start and exit, and the task system's start; its stop is in task_stop.cpp.
 #include "kernel/task.h"
 
-#include <cxxabi.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <exception>
 #include <new>
 
 #include "kernel/kern_memory.h"
@@ -106,8 +106,8 @@ void* OSThreadFunc(void* arg) {
       start_func();
     }
   } catch (...) {
-    // Only a C++ exception has a type. pthread_exit and pthread_cancel have none and must go on unwinding.
-    if (abi::__cxa_current_exception_type() == nullptr) throw;
+    // Only a C++ exception can be held. pthread_exit and pthread_cancel are none and must go on unwinding.
+    if (std::current_exception() == nullptr) throw;
     // The task ends here; the process goes on.
     if (Console != nullptr) Console->Print("OSThreadFunc: task %p ended by an exception\r\n", arg);
   }
@@ -187,6 +187,9 @@ OSTask::OSTask(UWORD task_priority, ULONG stack_bytes, ADDR task_userdata, ADDR 
     ++os_task_count;
     return;
   }
+  // Deliberate: the object stays registered, OK and without a thread. Its constructor has no result, and programs find
+  // it and delete it like any other. Pinned by task_create_test.cpp,
+  // ARefusedThreadIsReportedAndLeavesARegisteredTaskWithoutOne.
   thread_id = 0;
   record->owners = 1;  // no thread shares it
   record->ended.release();
@@ -328,7 +331,8 @@ BOOL OSTask::Wake(UWORD code) {
 UWORD OSTask::WakeCode() { return std::atomic_ref(rcode).load(std::memory_order_relaxed); }
 
 void OSTask::SetPriority(UWORD new_priority) {
-  // Deliberate: the old value is checked, the new one is not; see the header.
+  // Deliberate: the old value is checked, the new one is not; see the header. Pinned by task_test.cpp,
+  // SetPriorityLooksAtTheOldValueOnly.
   if (priority >= 1 && priority <= kLowestPriority) priority = new_priority;
 }
 
