@@ -199,6 +199,8 @@ int OSBTree::Size() {
 
 OSBTreeObj* OSBTree::next_within(OSBTreeObj* obj, OSBTreeObj* limit, Comparison comparison) {
   const SectionLock lock(&cs);
+  // Deliberate: the rest of a chain is not held against the limit. Its key is that of the object which the caller has in
+  // hand and was content with. Pinned by btree_search_test.cpp, ADuplicateIsNotHeldAgainstTheLimit.
   if (obj->dupnext != nullptr) return obj->dupnext;
   while (obj->dupprev != nullptr) obj = obj->dupprev;
   OSBTreeObj* const node = neighbour(obj, kRight);

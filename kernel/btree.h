@@ -1,3 +1,4 @@
+/// @file
 /// An ordered index of intrusive objects: a height-balanced tree with chains of equal keys.
 #ifndef OSKERNEL_BTREE_H
 #define OSKERNEL_BTREE_H
@@ -56,7 +57,7 @@ class OSKERNEL_API OSBTreeObj {
 ///             1.44 times the logarithm (base 2) of the number of different keys. Chains may have any length.
 class OSKERNEL_API OSBTree {
  public:
-  OSBTree();
+  OSBTree();  ///< empty
 
   /// Takes every object out of the tree and deletes it, the root first: what is still indexed when the tree
   /// goes belongs to the tree. The destructor of an object may call Remove for itself, without effect, and
@@ -113,9 +114,8 @@ class OSKERNEL_API OSBTree {
   /// The number of objects, chains included.
   int Size();
 
-  /// Add and Remove for a caller that holds `cs`.
-  BOOL _Add(OSBTreeObj* obj);
-  void _Remove(OSBTreeObj* obj);
+  BOOL _Add(OSBTreeObj* obj);     ///< Add for a caller that holds `cs`
+  void _Remove(OSBTreeObj* obj);  ///< Remove for a caller that holds `cs`
 
   int count;        ///< comparisons that the latest search made; under cs
   int size;         ///< objects in the index, chains included; under cs

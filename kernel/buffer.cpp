@@ -233,29 +233,34 @@ void OSBuf::PullUp(UWORD n) {
 // ---- Compacting --------------------------------------------------------------------------------------------
 
 OSBuf* OSBuf::Compact(OSBuf* other, UWORD max) {
-  if (other == nullptr || other == this) return other;
+  if (!BufferMerge::take(this, other, max)) return other;
+  other->Free();
+  return nullptr;
+}
+
+bool BufferMerge::take(OSBuf* into, OSBuf* from, UWORD max) {
+  if (from == nullptr || from == into) return false;
 
   const long long headroom = buffer_headroom();
   // Negative in a buffer whose data reaches into the headroom, and in one that is longer than max already.
-  long long room = static_cast<long long>(size) - length - headroom;
-  if (max != 0 && room + length > max) room = static_cast<long long>(max) - length;
-  const long long wanted = std::min<long long>(room, other->length);
-  if (wanted <= 0 || !is_sound() || !other->is_sound()) return other;
+  long long room = static_cast<long long>(into->size) - into->length - headroom;
+  if (max != 0 && room + into->length > max) room = static_cast<long long>(max) - into->length;
+  const long long wanted = std::min<long long>(room, from->length);
+  if (wanted <= 0 || !into->is_sound() || !from->is_sound()) return false;
   const auto count = static_cast<UWORD>(wanted);
 
-  UBYTE* front = payload + headroom;
-  if (front < data) {
-    std::memmove(front, data, length);
-    data = front;
+  UBYTE* front = into->payload + headroom;
+  if (front < into->data) {
+    std::memmove(front, into->data, into->length);
+    into->data = front;
   }
-  std::memcpy(data + length, other->data, count);
-  length = static_cast<UWORD>(length + count);
-  other->PullUp(count);
-  if (other->length != 0) return other;
+  std::memcpy(into->data + into->length, from->data, count);
+  into->length = static_cast<UWORD>(into->length + count);
+  from->PullUp(count);
+  if (from->length != 0) return false;
 
-  AddDataCallback(other);
-  other->Free();
-  return nullptr;
+  into->AddDataCallback(from);
+  return true;
 }
 
 // ---- Callbacks and storage ---------------------------------------------------------------------------------

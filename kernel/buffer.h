@@ -1,3 +1,4 @@
+/// @file
 /// The message buffer, and the pooled callbacks that go with it.
 ///
 /// Every layer receives, builds, queues and hands on data in OSBufs. A buffer is filled from its end towards its
@@ -118,15 +119,18 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
   ///   returns   the buffer to use from now on; null when a new one was needed and none was there
   OSBuf* CopyData(const UBYTE* bytes, UWORD len);
 
-  /// Puts a number in front, in the processor's byte order.
+  /// Puts a number, here 1 byte, in front, in the processor's byte order.
+  /// Deliberate: not in network order, so that what one layer pushes for another on the same machine is pulled as it
+  /// was; a layer that writes to the wire converts first. Pinned by buffer_test.cpp,
+  /// NumbersArePushedAndPulledInTheProcessorsOwnOrder.
   /// Deliberate: these four report nothing when there is no room. data and length move all the same, nothing is
   /// written, and Free reports the buffer as pushed down too far; layers that push a header into a buffer of
   /// unknown origin count on finding out there. Pinned by buffer_test.cpp,
   /// SmallPushesAreUncheckedButNeverWriteBelowTheStorage.
   void PushData(UBYTE b);
-  void PushData(UWORD w);
-  void PushData(ULONG l);
-  void PushData(int i);
+  void PushData(UWORD w);  ///< the same, 2 bytes
+  void PushData(ULONG l);  ///< the same, 4 bytes
+  void PushData(int i);    ///< the same, 4 bytes
 
   /// Puts bytes in front, which may lie in this buffer. Without room data and length move, nothing is written,
   /// and Fatal "OSBuf::PushData Too far" is reported. null pushes nothing.
@@ -147,11 +151,11 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
 
   // ---- Pulling: from the front of the data ----
 
-  /// Takes a number from the front, in the processor's byte order. No pull checks length: callers do.
+  /// Takes a number, here 1 byte, from the front, in the processor's byte order. No pull checks length: callers do.
   UBYTE PullByte();
-  UWORD PullWord();
-  ULONG PullLong();
-  int PullInt();
+  UWORD PullWord();  ///< the same, 2 bytes
+  ULONG PullLong();  ///< the same, 4 bytes
+  int PullInt();     ///< the same, 4 bytes
   /// Takes len bytes from the front.
   void PullData(UBYTE* dest, UWORD len);
   /// Takes as many bytes as lie from dest up to, not including, end, modulo 65536.
@@ -227,7 +231,7 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
   /// Gives a buffer from the default constructor its storage, which is its maker's: `bytes` usable bytes with the
   /// guard bytes behind them, which are filled here. It is empty then, with all its room in front.
   void adopt_storage(UBYTE* storage, UWORD bytes);
-  static constexpr UWORD kGuardBytes = 64;
+  static constexpr UWORD kGuardBytes = 64;  ///< how many guard bytes stand behind a buffer's storage
 
   /// Whether this Free is the one that counts: the first since the buffer was constructed or handed out. Whoever
   /// gets false touches nothing of the buffer.
@@ -243,6 +247,7 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
 
  private:
   friend void dump_allocated();
+  friend struct BufferMerge;
   struct __attribute__((visibility("hidden"))) Pool;
   struct __attribute__((visibility("hidden"))) Snapshot;
 
@@ -280,8 +285,9 @@ class OSKERNEL_API OSBuf : public OSLinkListObj {
   /// Alloc, and to a Free that comes too late, through the section.
   std::atomic<Place> place_;
 
-  OSLink* allocated_link_;   ///< this buffer's link in allocated_list. Inside OS_CRITICAL_BUFFERS.
-  std::uint64_t allocated_;  ///< number of this allocation; ascends along allocated_list. As above.
+  OSLink* allocated_link_;  ///< this buffer's link in allocated_list. Inside OS_CRITICAL_BUFFERS.
+  alignas(8) std::uint64_t
+      allocated_;  ///< number of this allocation; ascends along allocated_list. As above.
 };
 
 /// Guards the pools, min_count and allocated_list. A pool section: inside it only OS_CRITICAL_LINK may be

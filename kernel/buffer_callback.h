@@ -1,3 +1,4 @@
+/// @file
 /// Pooled callback records: "when this happens, call this function with these three values".
 ///
 /// Message buffers run them when their data or they themselves are released, byte streams when their bytes have
@@ -61,14 +62,13 @@ class OSKERNEL_API OSCallback : public OSLinkListObj {
   /// Gives storage back to the heap unless it lies in the pool's block.
   static void operator delete(void* storage);
 
-  OSCallbackFunction callback_function;
-  OSCallbackRecord* callback_record;  ///< the record that lists this callback, or null
+  OSCallbackFunction callback_function;  ///< what Execute calls; null for nothing
+  OSCallbackRecord* callback_record;     ///< the record that lists this callback, or null
   /// The function's first argument. Deliberate: hides the object of the link, which is OSLink::object; programs
-  /// name both. Pinned by callback_test.cpp,
-  /// TheArgumentDoesNotHideTheLinksObject.
+  /// name both. Pinned by callback_test.cpp, TheArgumentDoesNotHideTheLinksObject.
   OSObj* object;
-  ADDR addr;
-  ULONG value;
+  ADDR addr;    ///< the function's second argument
+  ULONG value;  ///< the function's third argument
 
   static OSLinkHead callback_pool;  ///< free callbacks; inside OS_CRITICAL_CALLBACKS
   /// Number of free callbacks. Changed inside OS_CRITICAL_CALLBACKS; stored atomically, so that a program may
@@ -100,6 +100,7 @@ class OSKERNEL_API OSCallback : public OSLinkListObj {
 /// Alloc and Free change the list inside OS_CRITICAL_CALLBACKS.
 class OSKERNEL_API OSCallbackRecord : public OSIndirectList {
  public:
+  /// Without callbacks.
   OSCallbackRecord() = default;
   /// Calls CancelCallbacks().
   ~OSCallbackRecord() override;

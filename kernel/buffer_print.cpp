@@ -110,6 +110,9 @@ void OSBuf::Snapshot::print() {
     Console->Print("Buf: buf %p, data=%p, size %d, len %d, age %us, ptr %p (%s) %s", object_address,
                    data_address, size, length, age_s, destPtr, symbol.dli_sname, addresses.text);
   } else {
+    // Deliberate: the short line shows no addresses, even when there are some. Whoever reads dumps by column finds a
+    // class and addresses, or neither. Pinned by buffer_print_test.cpp,
+    // WithoutANameTheShortLineIsPrintedAndShowsNoAddress.
     Console->Print("Buf: buf %p, data=%p, size %d, len %d, age %us, ptr %p", object_address, data_address,
                    size, length, age_s, destPtr);
   }

@@ -1,3 +1,4 @@
+/// @file
 /// The console through which every diagnostic of the library passes.
 #ifndef OSKERNEL_CONSOLE_H
 #define OSKERNEL_CONSOLE_H
@@ -27,8 +28,9 @@ enum WarningType {
 ///             threads. The base keeps no state.
 class OSKERNEL_API OSConsole {
  public:
+  /// Nothing to set up.
   OSConsole() = default;
-  virtual ~OSConsole();
+  virtual ~OSConsole();  ///< `Console` is the application's to reset before
 
   /// Where all text ends up. The base discards it.
   virtual void vPrint(const char* format, va_list arguments) OSKERNEL_PRINTF(2, 0);

@@ -1,3 +1,4 @@
+/// @file
 /// The interface through which protocol layers are stacked.
 ///
 /// Every layer derives from OSIO and is bound to one partner. Data travels as message buffers: a layer calls its
@@ -19,27 +20,45 @@ extern OSKERNEL_API OSIO OSNullIO;
 
 /// What a layer answers.
 enum OSIORetCode {
-  Success = 0,
-  Blocked = 1,
-  NoConnection = 2,
-  NoRoute = 3,
-  NotSupported = 4,
-  BufferContainsResult = 5
+  Success = 0,              ///< done, or on its way
+  Blocked = 1,              ///< not done; a socket says in its operations why it answers so
+  NoConnection = 2,         ///< there is no connection to send on
+  NoRoute = 3,              ///< for layers of programs: no way leads to the peer
+  NotSupported = 4,         ///< the layer has no such operation: the answer of OSIO itself
+  BufferContainsResult = 5  ///< for layers of programs: the answer stands in the buffer
 };
 
-/// Why a connection ended or failed.
-enum OSIOReason { Busy = 0, Congestion = 1, UnReachable = 2, Timeout = 3, Failed = 4, Normal = 5, Gone = 6 };
+/// Why a connection ended or failed. Those for layers of programs are never indicated by the sockets.
+enum OSIOReason {
+  Busy = 0,         ///< for layers of programs: the peer is busy
+  Congestion = 1,   ///< for layers of programs: the way to the peer is congested
+  UnReachable = 2,  ///< for layers of programs: the peer cannot be reached
+  Timeout = 3,      ///< a direct socket could not connect
+  Failed = 4,       ///< the connection failed; the code says with what
+  Normal = 5,       ///< the peer ended the connection
+  Gone = 6          ///< for layers of programs: the peer does not exist any more
+};
 
 /// Line signals, a bit mask.
-enum OSIOModem { DTR = 1, RTS = 2, DRS = 4, RI = 8, DSR = 16, DCD = 32, CTS = 64, BO = 128 };
+enum OSIOModem {
+  DTR = 1,   ///< data terminal ready
+  RTS = 2,   ///< request to send
+  DRS = 4,   ///< for layers of programs, kept at its bit
+  RI = 8,    ///< ring indicator
+  DSR = 16,  ///< data set ready
+  DCD = 32,  ///< data carrier detect
+  CTS = 64,  ///< clear to send
+  BO = 128   ///< for layers of programs, kept at its bit
+};
 
 /// Base of what Configure and Service take.
 class OSKERNEL_API OSIOParam {
  public:
+  /// Nothing to set up.
   OSIOParam() = default;
   /// The kind of parameter; 0 is OSIOAddress.
   virtual int Type() = 0;
-  virtual ~OSIOParam();
+  virtual ~OSIOParam();  ///< behind Type in the order of the slots
 };
 
 /// An address as text.
@@ -47,9 +66,8 @@ class OSKERNEL_API OSIOAddress : public OSIOParam {
  public:
   /// Copies up to 131 characters of text; null gives an empty address.
   explicit OSIOAddress(const char* text);
-  /// 0.
-  int Type() override;
-  ~OSIOAddress() override;
+  int Type() override;      ///< 0
+  ~OSIOAddress() override;  ///< nothing to release
 
   char destination[132];  ///< always ends with a zero byte
 };
@@ -57,9 +75,10 @@ class OSKERNEL_API OSIOAddress : public OSIOParam {
 /// One layer. The virtual operations stand in the order of their slots; programs override what they support and
 /// inherit the refusal of the rest.
 ///
-/// Threads: a layer is called by the thread that has something for it, under no lock of the library. `partner`
-/// is not locked, but changes as a whole: a thread that is passing data sees the old partner or the new one. Who
-/// destroys a layer makes sure that no thread is in it.
+/// Threads: a layer is called by the thread that has something for it, under no lock of the library; but a direct
+/// socket whose name cannot be resolved says so inside DNSEntry::cs and AsyncSocket::cs. `partner` is not locked,
+/// but changes as a whole: a thread that is passing data sees the old partner or the new one. Who destroys a layer
+/// makes sure that no thread is in it.
 class OSKERNEL_API OSIO : public OSListObj {
  public:
   /// An unbound layer: the partner is OSNullIO.

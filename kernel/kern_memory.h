@@ -1,3 +1,4 @@
+/// @file
 /// A heap over one block of memory.
 ///
 /// A pool hands out pieces of a block that somebody else owns. It cuts them from the block's high end downward,
@@ -81,14 +82,14 @@ class OSKERNEL_API OSMemPool {
   ///   threads   any; each access takes a private lock, a leaf
   class OSKERNEL_API Secondary {
    public:
-    Secondary() noexcept;
-    ~Secondary();
+    Secondary() noexcept;  ///< null
+    ~Secondary();          ///< takes its entry out of the table
     Secondary(const Secondary&) = delete;
     Secondary& operator=(const Secondary&) = delete;
 
-    operator OSMemPool*() const;
-    OSMemPool* operator->() const { return *this; }
-    /// Without memory for the table's entry it stays null.
+    operator OSMemPool*() const;                     ///< the pool, or null
+    OSMemPool* operator->() const { return *this; }  ///< the pool, which must not be null
+    /// Points to `pool`, null for none. Without memory for the table's entry it stays null.
     Secondary& operator=(OSMemPool* pool);
   };
 

@@ -1,3 +1,4 @@
+/// @file
 /// Start-up, configuration and globals of the kernel; includes locks, events, time, memory pools and console.
 ///
 /// A program sets Console, calls os_startup once, uses the kernel, and calls os_cleanup once at the end. It may
@@ -20,7 +21,7 @@ class OSAxeTask;
 
 /// The sizes of the kernel's pools. The constructor sets the defaults, which callers may rely on.
 struct OSKERNEL_API KernelCfg {
-  KernelCfg();
+  KernelCfg();  ///< the defaults
 
   int buf_size[4];    ///< bytes of storage of the four buffer classes, ascending: 0, 100, 600, 1740
   int buf_qty[4];     ///< buffers of each class: 100, 25, 25, 55
@@ -67,16 +68,20 @@ OSKERNEL_API unsigned int strtowcs(wchar_t* wcstring, const char* mbstring, unsi
 // ---- Priority scan tables ----------------------------------------------------------------------------------
 // For programs that schedule by priority level; the kernel itself never walks them.
 
+/// One priority level and its tasks.
 struct OSLevel {
   OSTask* tcbp;  ///< first task of the level
   UWORD ntsks;   ///< tasks at the level
 };
 
+/// One step of a scan.
 struct OSScanTableEntry {
-  OSLevel* plev;
+  OSLevel* plev;            ///< the level whose turn it is
   OSScanTableEntry* nscte;  ///< next entry; the last points back to the first
 };
 
+/// A scan: a ring of steps in which each level comes as often as its share of the time says. The program that makes
+/// one fills the levels and walks the ring.
 class OSKERNEL_API OSProgram {
  public:
   /// Builds the ring of scan entries.
@@ -84,25 +89,24 @@ class OSKERNEL_API OSProgram {
   ///             A number above 8 counts as 8, the lowest priority, as it does for a task.
   explicit OSProgram(const UBYTE* scan);
 
-  OSScanTableEntry* sctep;  ///< current entry
-  UWORD nswaps;
-  OSLevel lev[8];
-  OSScanTableEntry scantab[40];
+  OSScanTableEntry* sctep;       ///< current entry
+  UWORD nswaps;                  ///< the program's, 0 at first
+  OSLevel lev[8];                ///< the levels 1 to 8, empty at first
+  OSScanTableEntry scantab[40];  ///< the ring, from the first entry on
 };
 
 // ---- Globals -----------------------------------------------------------------------------------------------
 
-extern OSKERNEL_API KernelCfg default_cfg;
+extern OSKERNEL_API KernelCfg default_cfg;   ///< what a start without a configuration of its own uses
 extern OSKERNEL_API KernelCfg* KERNELCFG;    ///< the active configuration, set by os_startup
 extern OSKERNEL_API OSMemPool* OS_MEMORY;    ///< the kernel memory pool, set by os_startup
 extern OSKERNEL_API OSMemPool OS_EMPTYPOOL;  ///< a pool without memory, for a start without a block
 
-// The trigger lists, under OS_CRITICAL_TRIGGER (trigger.h).
-extern OSKERNEL_API OSLinkList OS_TIMER_LIST;
-extern OSKERNEL_API OSLinkList OS_POLL_LIST;
-extern OSKERNEL_API OSLinkList OS_READY_LIST;
-extern OSKERNEL_API OSLink
-    OS_NOTIFY_LIST;  ///< head of the callbacks that os_notify_now runs; no lock guards it
+extern OSKERNEL_API OSLinkList OS_TIMER_LIST;  ///< the armed timers, under OS_CRITICAL_TRIGGER (trigger.h)
+extern OSKERNEL_API OSLinkList OS_POLL_LIST;   ///< the armed poll triggers, under OS_CRITICAL_TRIGGER
+extern OSKERNEL_API OSLinkList OS_READY_LIST;  ///< what the trigger task is to run, under OS_CRITICAL_TRIGGER
+/// Head of the callbacks that os_notify_now runs; no lock guards it.
+extern OSKERNEL_API OSLink OS_NOTIFY_LIST;
 
 /// The task whose thread started most recently; null when that task is gone. Written without a lock, so it means
 /// something only while one thread starts at a time.
@@ -113,8 +117,8 @@ extern OSKERNEL_API OSTriggerTask* OS_TRIG_TASK;  ///< the kernel trigger task, 
 /// alone unless a new one stands there. Pinned by axe_task_test.cpp,
 /// StopDeletesTheAxeTaskOfTheProgramAndLeavesThePointer.
 extern OSKERNEL_API OSAxeTask* OS_AXE_TASK;
-/// Set by a program that makes one; os_cleanup releases its storage with ::operator delete, without running a
-/// destructor.
+/// Set by a program that makes one; os_cleanup releases its storage with the global operator delete, without
+/// running a destructor.
 /// Deliberate: the pointer is not reset, as that of OS_AXE_TASK. Pinned by kernel_test.cpp,
 /// StopReleasesTheProgramAndKeepsThePointer.
 extern OSKERNEL_API OSProgram* OS_PROGRAM;

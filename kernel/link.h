@@ -1,3 +1,4 @@
+/// @file
 /// Links, lists, queues, protected lists and byte streams.
 #ifndef OSKERNEL_LINK_H
 #define OSKERNEL_LINK_H

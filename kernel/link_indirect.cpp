@@ -107,6 +107,9 @@ void OSIndirectList::InsertBefore(OSListObj* position, OSListObj* obj) {
   put_(found != nullptr ? found : next, obj);
 }
 
+// Deliberate: puts obj behind the position, where OSLinkList::InsertAt puts a link in front of it. Programs have written
+// InsertBefore and InsertAt as a pair. Pinned by link_indirect_test.cpp,
+// InsertBeforeAndInsertAtPlaceTheObjectBesideThePosition.
 void OSIndirectList::InsertAt(OSListObj* position, OSListObj* obj) {
   if (position == nullptr || obj == nullptr) return;
   OSLink* const found = find_(position);

@@ -1,3 +1,4 @@
+/// @file
 /// Lists of references, queues that check triggers, and their protected variants.
 #ifndef OSKERNEL_LINK_INDIRECT_H
 #define OSKERNEL_LINK_INDIRECT_H
@@ -15,6 +16,7 @@ class OSBuf;
 ///             anything else; allocates only when the link pool grows
 class OSKERNEL_API OSIndirectList : public OSLinkList {
  public:
+  /// Keeps the objects put in.
   constexpr OSIndirectList() = default;
   /// 1: takes the objects put in, as far as they are still in the list when it is flushed or destroyed.
   constexpr explicit OSIndirectList(char delete_contents) : OSLinkList(delete_contents) {}
@@ -46,8 +48,7 @@ class OSKERNEL_API OSIndirectList : public OSLinkList {
   /// Puts obj at the back and hands out its link, with which the owner takes it out again at once, without a
   /// walk.
   ///   returns   the link, the list's until RemoveLink, Remove or Flush; null when obj is null or the link
-  ///   pool
-  ///             is out of links
+  ///             pool is out of links
   OSLink* AppendLink(OSListObj* obj);
   /// Takes out a link that AppendLink returned and gives it back to the pool. Nothing for null. Must not be
   /// used on a link that has left the list by Remove or Flush; if the pool still has it, it reports
@@ -65,7 +66,9 @@ class OSKERNEL_API OSIndirectList : public OSLinkList {
 ///             not be inside a section that comes after OS_CRITICAL_TRIGGER
 class OSKERNEL_API OSQueue : public OSLinkList {
  public:
+  /// Lets go of its contents when it is destroyed.
   OSQueue() : OSQueue(0) {}
+  /// 1: takes the objects put in, as far as they are still in the queue when it is destroyed.
   explicit OSQueue(char delete_contents) : OSLinkList(delete_contents), triggers(0) {}
   /// Gives the trigger list's links back, without a check and without touching the triggers, which must not
   /// be armed any more. The queued objects are deleted with the delete flag and let go of without it; they
@@ -79,6 +82,7 @@ class OSKERNEL_API OSQueue : public OSLinkList {
   void Insert(OSLinkListObj* obj);
   /// Takes obj out, then checks the triggers, even when obj was not in the queue.
   void Remove(OSLinkListObj* obj);
+  /// The list `triggers`; the queue's. Under OS_CRITICAL_TRIGGER.
   OSIndirectList* TriggerList() { return &triggers; }
 
   OSIndirectList triggers;  ///< the armed queue triggers. Under OS_CRITICAL_TRIGGER; lends
@@ -92,12 +96,12 @@ class OSKERNEL_API OSQueue : public OSLinkList {
 ///   threads   any. Lock order: cs, then OS_CRITICAL_TRIGGER or a pool's section
 class OSKERNEL_API OSProtectedQueue : public OSQueue {
  public:
-  OSProtectedQueue();
-  ~OSProtectedQueue() override;
-  void Flush() override;
-  void Append(OSLinkListObj* obj);
-  void Insert(OSLinkListObj* obj);
-  void Remove(OSLinkListObj* obj);
+  OSProtectedQueue();               ///< lets go of its contents when it is destroyed
+  ~OSProtectedQueue() override;     ///< as OSQueue's; no thread may be in an operation any more
+  void Flush() override;            ///< OSQueue::Flush inside cs
+  void Append(OSLinkListObj* obj);  ///< OSQueue::Append inside cs
+  void Insert(OSLinkListObj* obj);  ///< OSQueue::Insert inside cs
+  void Remove(OSLinkListObj* obj);  ///< OSQueue::Remove inside cs
   /// The first object, null when the queue is empty. It stays in the queue: only a sole consumer can use it.
   OSListObj* FirstObject();
   /// The last object, null when the queue is empty. It stays in the queue.
@@ -119,12 +123,12 @@ class OSKERNEL_API OSProtectedQueue : public OSQueue {
 ///   threads   any. Lock order: cs, then a pool's section
 class OSKERNEL_API OSProtectedList : public OSIndirectList {
  public:
-  OSProtectedList();
-  ~OSProtectedList() override;
-  void Flush() override;
-  void Append(OSListObj* obj);
-  void Insert(OSListObj* obj);
-  void Remove(OSListObj* obj);
+  OSProtectedList();            ///< keeps the objects put in
+  ~OSProtectedList() override;  ///< as OSIndirectList's; no thread may be in an operation any more
+  void Flush() override;        ///< OSIndirectList::Flush inside cs
+  void Append(OSListObj* obj);  ///< OSIndirectList::Append inside cs
+  void Insert(OSListObj* obj);  ///< OSIndirectList::Insert inside cs
+  void Remove(OSListObj* obj);  ///< OSIndirectList::Remove inside cs
   /// The first object, null when the list is empty. It stays in the list: only a sole consumer can use it.
   OSListObj* FirstObject();
   /// The last object, null when the list is empty. It stays in the list.

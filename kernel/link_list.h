@@ -1,3 +1,4 @@
+/// @file
 /// Intrusive circular lists and the pool of spare links.
 ///
 /// Every list is a ring of links whose head is itself a link. An object that sits in one list at a time
@@ -22,6 +23,7 @@ class OSListObj;
 /// Chooses the constructor for a list of static storage that other threads may still walk while the process
 /// ends: its destructor touches nothing, neither the ring nor what is in it.
 struct OSStaticList {
+  /// Only a tag: it holds nothing.
   explicit OSStaticList() = default;
 };
 
@@ -80,6 +82,7 @@ class OSKERNEL_API OSLink {
   void* FirstObject() { return next == this ? nullptr : next->object; }
   /// The last node's object, null when the ring is empty.
   void* LastObject() { return previous == this ? nullptr : previous->object; }
+  /// Whether the ring has no node but this one.
   bool IsEmpty() { return next == this; }
   /// Puts a detached link at the front. Its object stays as it is: the caller sets it, before or after.
   void Insert(OSLink* link) { link_before_(next, link); }
@@ -114,6 +117,7 @@ class OSKERNEL_API OSLink {
     previous = other->previous;
     other->next = other->previous = other;
   }
+  /// What this node stands for.
   void* Object() { return object; }
   /// The number of nodes, counted along the ring.
   int ListLength();
@@ -153,6 +157,7 @@ class OSKERNEL_API OSLink {
 /// The head of a list, which may destroy what is still in the list when it is destroyed itself.
 class OSKERNEL_API OSLinkHead : public OSLink {
  public:
+  /// Keeps its contents when it is destroyed.
   constexpr OSLinkHead() : delete_contents_on_destroy(0) {}
   /// 1: takes what is put into the list, as far as it is still there when the head is destroyed.
   constexpr explicit OSLinkHead(char delete_contents) : delete_contents_on_destroy(delete_contents) {}
@@ -162,6 +167,7 @@ class OSKERNEL_API OSLinkHead : public OSLink {
   /// its node and may unlink or destroy others. Without: detaches every node, so that none refers to the head
   /// that is gone; walks the ring.
   ~OSLinkHead() override;
+  /// Changes what the constructor set, for what is in the list as well.
   void SetDeleteContents(char delete_contents) { delete_contents_on_destroy = delete_contents; }
 
   char delete_contents_on_destroy;  ///< 0 or 1
@@ -170,8 +176,9 @@ class OSKERNEL_API OSLinkHead : public OSLink {
 /// The base of everything that can be found in a list by key.
 class OSKERNEL_API OSListObj {
  public:
+  /// In no list.
   OSListObj() = default;
-  virtual ~OSListObj();
+  virtual ~OSListObj();  ///< takes the object out of no list: its owner does
   /// Whether key is this object's key; what it points to is between the caller of Find and the object. Called
   /// by the list's walker, inside whatever serialises the list; must not change the list. The base says
   /// FALSE.
@@ -183,6 +190,7 @@ class OSKERNEL_API OSListObj {
 /// with static_cast<Derived*>(static_cast<OSLinkListObj*>(static_cast<OSListObj*>(object))).
 class OSKERNEL_API OSLinkListObj : public OSLink, public OSListObj {
  public:
+  /// Its link is detached.
   OSLinkListObj() = default;
   /// Takes the object out of the ring it is in. A list's counters do not notice: remove it first.
   ~OSLinkListObj() override;
@@ -192,11 +200,14 @@ class OSKERNEL_API OSLinkListObj : public OSLink, public OSListObj {
 ///   threads   whoever owns the list. Size and Signature: any, as a hint of what was so a moment ago
 class OSKERNEL_API OSLinkList : public OSLinkHead {
  public:
+  /// Keeps its contents when it is destroyed.
   constexpr OSLinkList() : OSLinkList(static_cast<char>(0)) {}
+  /// 1: takes the objects put in, as far as they are still in the list when it is destroyed.
   constexpr explicit OSLinkList(char delete_contents)
       : OSLinkHead(delete_contents), number_in_list(0), signature(0) {}
+  /// As OSLinkHead(OSStaticList).
   constexpr explicit OSLinkList(OSStaticList tag) : OSLinkHead(tag), number_in_list(0), signature(0) {}
-  ~OSLinkList() override;
+  ~OSLinkList() override;  ///< as OSLinkHead's
   /// As OSLink::Flush; then the length is 0. The signature stays.
   void Flush() override;
   /// Finds the first object whose IsKey(key) is true, walking from the front to the first node without
@@ -204,9 +215,8 @@ class OSKERNEL_API OSLinkList : public OSLinkHead {
   /// found (the head after the last), because the walk has stepped on when it looks at the object. Callers
   /// that need the node itself take it from the object. Pinned by link_list_test.cpp,
   /// LookupHandsBackTheNodeAfterTheMatch.
-  ///   returns   in *obj the object, in *link the node after it, in *pos its position from 0; null, null and
-  ///   -1
-  ///             when nothing matches
+  ///   returns   in *obj the object, in *link the node after it, in *pos its position from 0; null, null
+  ///             and -1 when nothing matches
   virtual void Lookup(char* key, OSListObj** obj, OSLink** link, int* pos);
 
   // Append, Insert and InsertAt refuse a link that is in a list already: Fatal "OSLinkList::<which> of link
@@ -241,8 +251,10 @@ class OSKERNEL_API OSLinkList : public OSLinkHead {
   }
   /// The number of objects in the list.
   int Size() const { return __atomic_load_n(&number_in_list, __ATOMIC_RELAXED); }
-  /// Changes with every Append, Insert, InsertAt and Remove, not with Flush: a walker compares it to find out
-  /// whether the list changed under it. Wraps.
+  /// Changes with every Append, Insert, InsertAt and Remove: a walker compares it to find out whether the list
+  /// changed under it. Wraps.
+  /// Deliberate: Flush leaves it as it is. Whoever flushes a list while others walk it tells them himself. Pinned by
+  /// link_list_test.cpp, FlushFreesEveryObjectAndKeepsTheSignature.
   ULONG Signature() const { return __atomic_load_n(&signature, __ATOMIC_RELAXED); }
   /// The first object, null when the list is empty.
   OSListObj* FirstObject() { return static_cast<OSListObj*>(OSLink::FirstObject()); }
@@ -292,7 +304,7 @@ class OSKERNEL_API OSLinkList : public OSLinkHead {
 /// A link of the pool. Only the pool makes them.
 class OSKERNEL_API OSLink2 : public OSLink {
  public:
-  ~OSLink2() override;
+  ~OSLink2() override;  ///< as OSLink's
   /// The next free bytes of the newest pool block; from the heap when too few are left. Null without memory.
   ///   threads   any
   static void* operator new(std::size_t size) noexcept;
@@ -315,9 +327,9 @@ class OSKERNEL_API OSLinkIterator {
   }
   /// Begins again, at the first node.
   void Restart() { Init(start); }
-  /// The ring is empty.
+  /// Whether the ring is empty.
   bool IsEmpty() { return start->next == start; }
-  /// The walk has come to the head.
+  /// Whether the walk has come to the head.
   bool IsEndOfList() { return current == start; }
   /// Returns the current node's object and steps to the next node. At the end: null, and it stays there.
   void* Object() { return step_(current->next); }
@@ -349,11 +361,17 @@ class OSKERNEL_API OSLinkIterator {
 /// Walks an OSLinkList; otherwise as OSLinkIterator.
 class OSKERNEL_API OSListIterator : public OSLinkIterator {
  public:
+  /// Begins at the list's first node.
   explicit OSListIterator(OSLinkList* list) : OSLinkIterator(list) {}
+  /// As OSLinkIterator::Object.
   OSListObj* Object() { return static_cast<OSListObj*>(OSLinkIterator::Object()); }
+  /// Returns the current node's object and steps to the next node. At the end: null, and it stays there.
   OSListObj* operator++(int) { return static_cast<OSListObj*>(OSLinkIterator::operator++(0)); }
+  /// Returns the current node's object and steps to the node before. On the head: null, and it stays there.
   OSListObj* operator--(int) { return static_cast<OSListObj*>(OSLinkIterator::operator--(0)); }
+  /// The same: the object returned is the one before the step.
   OSListObj* operator--() { return static_cast<OSListObj*>(OSLinkIterator::operator--()); }
+  /// The object of node n from the front, the first for n of 0 or less; null when there is none. Does not move.
   OSListObj* operator[](int n) { return static_cast<OSListObj*>(OSLinkIterator::operator[](n)); }
 };
 

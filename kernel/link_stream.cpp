@@ -105,6 +105,9 @@ void OSStream::take_slot_(OSBuf* buf) {
   }
 }
 
+// Deliberate: one buffer at a time, however far the stream is above its limit. A limit that is lowered takes effect
+// little by little, and no Add loses more than it brings. Pinned by stream_test.cpp,
+// TheOldestBufferIsDroppedBeyondTheLimit.
 void OSStream::drop_excess_() {
   if (static_cast<ULONG>(Size()) <= max_num_buffers) return;
   if (OSBuf* const oldest = Get()) oldest->Free();

@@ -1,3 +1,4 @@
+/// @file
 /// A queue of message buffers read and written as a byte stream.
 #ifndef OSKERNEL_LINK_STREAM_H
 #define OSKERNEL_LINK_STREAM_H
@@ -24,13 +25,15 @@ class OSKERNEL_API OSStream : public OSQueue {
   /// Frees every buffer, runs and frees the callbacks of every pending slot, and is empty. The callbacks of
   /// buffers that came while all 31 slots were pending stay: they go with the next buffer that gets a slot.
   void Flush() override;
-  /// max_total: bytes from which on IsFull says TRUE; more can still be added. max_buffers: buffers from
-  /// which on IsFull says TRUE and above which Add drops the oldest one.
+  /// Sets the limits.
+  ///   max_total    bytes from which on IsFull says TRUE; more can still be added
+  ///   max_buffers  buffers from which on IsFull says TRUE and above which Add drops the oldest one
   void SetMaxLength(ULONG max_total, ULONG max_buffers);
   /// The largest buffer, in bytes, that a compressible stream builds or keeps whole; 0: buffers are not
   /// split, and merged as far as there is room. A fragment and the configuration's headroom must fit the
   /// largest buffer class (the default does not): making a larger one exhausts the pools, which is fatal.
   void SetMaxFragment(UWORD max);
+  /// Whether buffers are merged and split from now on; what the stream holds stays as it is.
   void SetCompressible(BOOL on);
   /// Adds buf's bytes at the end. A compressible stream copies what exceeds the largest fragment into buffers
   /// of that size, then merges what remains into the last buffer as far as it fits. When there are more
@@ -61,6 +64,8 @@ class OSKERNEL_API OSStream : public OSQueue {
   /// The number of bytes in the stream.
   ULONG Length() const { return total_length; }
   /// TRUE when the stream holds max_total_length bytes or max_num_buffers buffers, or more.
+  /// Deliberate: a new stream is full, since its byte limit is 0. Producers that ask give nothing to a stream whose
+  /// owner has not said how much it may hold. Pinned by stream_test.cpp, IsFullUntilALimitIsSet.
   BOOL IsFull();
 
   ULONG total_length;         ///< bytes in the stream

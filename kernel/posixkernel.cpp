@@ -161,6 +161,8 @@ void EnterCriticalSection(CRITICAL_SECTION* section) {
   while (!(held && take_soon(sem)) && sem_wait(sem) != 0) {
     const int error = errno;
     if (Console != nullptr) Console->Print("EnterCriticalSection - sem_wait error %d", error);
+    // Deliberate: after any other error the section counts as taken. No caller could do anything about it, and leaving
+    // must find an owner. Pinned by semaphore_failure_test.cpp, EnterTakesTheSectionAnywayAfterAnyOtherError.
     if (error != EINTR) break;
   }
   owner_of(section).store(self, std::memory_order_relaxed);
@@ -187,7 +189,8 @@ BOOL TryEnterCriticalSection(CRITICAL_SECTION* section) {
     return TRUE;
   }
   if (section->sem == nullptr) return FALSE;
-  // Deliberate: the owner fields stay as they are, see the header.
+  // Deliberate: the owner fields stay as they are, see the header. Pinned by critical_section_test.cpp,
+  // TryEnterRecordsNoOwner.
   return sem_trywait(section->sem) == 0 ? TRUE : FALSE;
 }
 

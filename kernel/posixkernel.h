@@ -1,3 +1,4 @@
+/// @file
 /// Win32-style critical sections, counting events and sleeps on POSIX threads and semaphores.
 ///
 /// The names and results are Win32's, the behaviour differs where the comments say so: events count their
@@ -51,7 +52,11 @@ OSKERNEL_API void InitializeCriticalSection(CRITICAL_SECTION* section);
 
 /// Takes the section, waiting for its holder to leave; the holder itself only counts one deeper.
 /// On a section without semaphore: nothing is taken; Fatal "EnterCriticalSection Not Initialized" when there is
-/// a Console. A failed wait is printed; after EINTR it is tried again, after any other error the section
+/// a Console.
+/// Deliberate: without a Console this is quiet. Static objects of programs use the kernel's lists before the start and
+/// behind the stop, when nobody else runs. Pinned by critical_section_test.cpp,
+/// EnterOfAnUninitialisedOneWithoutConsoleReturnsQuietly.
+/// A failed wait is printed; after EINTR it is tried again, after any other error the section
 /// counts as taken.
 ///   threads   any
 OSKERNEL_API void EnterCriticalSection(CRITICAL_SECTION* section);
@@ -65,7 +70,8 @@ OSKERNEL_API void LeaveCriticalSection(CRITICAL_SECTION* section);
 /// Takes the section when that needs no wait.
 /// Deliberate: taking a free section this way records no owner and no depth, so the taker's later
 /// LeaveCriticalSection reports "on one we dont own" and releases nothing. Programs that only probe a section
-/// rely on the owner fields staying as they are. Pinned by critical_section_test.cpp.
+/// rely on the owner fields staying as they are. Pinned by critical_section_test.cpp, TryEnterRecordsNoOwner and
+/// LeaveAfterTryEnterIsFatalAndReleasesNothing.
 ///   returns   1 when taken or already the caller's (then one level deeper), 0 when another holds it
 ///   threads   any
 OSKERNEL_API BOOL TryEnterCriticalSection(CRITICAL_SECTION* section);
@@ -78,8 +84,11 @@ OSKERNEL_API void DeleteCriticalSection(CRITICAL_SECTION* section);
 
 /// Makes an event. All four arguments are ignored: events have no security, never reset by hand, start without
 /// a signal and have no name.
-///   returns   the handle, from 1 upward, or 0 when memory runs out; the number of a closed event is not handed out again until the
-///             numbers have run through all 2^31 - 1
+/// Deliberate: an event counts. Every SetEvent lets one wait through, however many come before the first wait, and
+/// none resets it; programs give a task as many signals as it has work. Pinned by event_test.cpp, CountsItsSignals and
+/// IgnoresEveryArgumentOfCreateEvent.
+///   returns   the handle, from 1 upward, or 0 when memory runs out. The number of a closed event is not handed
+///             out again until the numbers have run through all 2^31 - 1.
 ///   threads   any; takes OS_CRITICAL_LINK
 OSKERNEL_API HANDLE CreateEvent(void* security, bool manual_reset, bool initial_state, const char* name);
 
@@ -99,6 +108,8 @@ OSKERNEL_API BOOL CloseHandle(HANDLE handle);
 ///   returns   0 taken; 110 timed out; 128 no such handle, closed while waiting, or the wait failed. A wait for
 ///             ever that a signal handler interrupts returns 128. Handle 0: Fatal, then 128.
 ///   threads   any; several may wait on one event, each signal releases one
+/// Deliberate: the interrupted wait for ever is not taken up again. Programs that signal their threads get them out of
+/// it so. Pinned by event_test.cpp, WaitForEverThatASignalHandlerInterruptsFails.
 OSKERNEL_API DWORD WaitForSingleObject(HANDLE handle, unsigned int timeout_ms);
 
 /// An event: a counting semaphore that starts at 0, found by its number. Every SetEvent adds one signal, every
@@ -108,6 +119,7 @@ OSKERNEL_API DWORD WaitForSingleObject(HANDLE handle, unsigned int timeout_ms);
 /// normally use CreateEvent and CloseHandle.
 class OSKERNEL_API KernelEvent : public OSLink {
  public:
+  /// Registered under the next free number, without a signal.
   KernelEvent();
   /// Threads that still wait on the event return 128, after as many as there were signals left returned 0.
   ~KernelEvent() override;
@@ -141,13 +153,14 @@ class OSKERNEL_API KernelEvent : public OSLink {
 /// Sleeps for ms milliseconds, whatever signals arrive; 0 or less returns at once.
 OSKERNEL_API void Sleep(int ms);
 
-// Hooks of an interrupt-driven kernel, kept so that code written for one links and runs. All are empty and give
-// no exclusion.
-OSKERNEL_API void os_schedule();      ///< rescheduling
-OSKERNEL_API void os_intdis();        ///< disabling interrupts around list surgery
-OSKERNEL_API void os_intenb();        ///< enabling them again
-OSKERNEL_API void os_init_vectors();  ///< installing interrupt vectors
-OSKERNEL_API void SysStrokeDog();     ///< feeding a watchdog
+/// Does nothing: the first of five hooks of an interrupt-driven kernel, this one for rescheduling.
+/// Deliberate: all five are empty, and those around list surgery exclude nobody. Code written for such a kernel links
+/// and runs with them. Pinned by event_test.cpp, DoNothing and DisablingInterruptsExcludesNobody.
+OSKERNEL_API void os_schedule();
+OSKERNEL_API void os_intdis();        ///< does nothing; a hook for disabling interrupts around list surgery
+OSKERNEL_API void os_intenb();        ///< does nothing; a hook for enabling them again
+OSKERNEL_API void os_init_vectors();  ///< does nothing; a hook for installing interrupt vectors
+OSKERNEL_API void SysStrokeDog();     ///< does nothing; a hook for feeding a watchdog
 
 /// Copies a string.
 ///   returns   storage from malloc; the caller releases it with free

@@ -1,4 +1,4 @@
-/// Checks the order in which a thread enters the kernel's own sections; docs/design.md draws it.
+/// Checks the order in which a thread enters the kernel's own sections; docs/threads.md draws it.
 #if defined(OSKERNEL_CHECK_LOCK_ORDER)
 
 #include <array>
@@ -24,7 +24,7 @@ struct Ranked {
 constexpr std::size_t kOuter = 3;
 
 /// A thread that holds one of these may enter only those behind it. It is one line through the tree of
-/// docs/design.md: branches that never meet stand in some order. The first are filled in while the library is
+/// docs/threads.md: branches that never meet stand in some order. The first are filled in while the library is
 /// loaded, before there are threads.
 constinit std::array<Ranked, kOuter + 6> order{{
     {nullptr, nullptr},

@@ -213,7 +213,8 @@ void SystemTimeToLocalTime(_SYSTEMTIME* utc, _SYSTEMTIME* loc) {
   const time_t seconds = timegm(&calendar);
   tm local{};
   localtime_r(&seconds, &local);
-  // Deliberate: the milliseconds stay as they are, see the header.
+  // Deliberate: the milliseconds stay as they are, see the header. Pinned by time_wall_test.cpp,
+  // ConversionFollowsTheProcessesZone.
   fill_calendar(loc, local);
 }
 

@@ -1,3 +1,4 @@
+/// @file
 /// The millisecond tick and calendar time.
 ///
 /// Intervals are measured with os_clock and tested with os_expired; calendar time is for people. A deadline
@@ -20,7 +21,7 @@ struct _SYSTEMTIME {
   WORD wMilliseconds;  ///< 0 to 999
   WORD isDst;          ///< daylight saving: positive yes, 0 no, negative unknown
 };
-typedef _SYSTEMTIME SYSTEMTIME;
+typedef _SYSTEMTIME SYSTEMTIME;  ///< the name that programs use
 
 /// The tick: milliseconds, wrapping at 2^32. It comes from the clock device "/dev/os_clock" when there is
 /// one. The device is looked for once, by the first call, and opened once however many threads make it.

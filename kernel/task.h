@@ -1,3 +1,4 @@
+/// @file
 /// Tasks: objects bound to one thread each, snoozed and woken; name tags for threads; deferred deletion.
 #ifndef OSKERNEL_TASK_H
 #define OSKERNEL_TASK_H
@@ -16,6 +17,7 @@ class OSTrigger;
 class OSTriggerDispatch;
 class TaskStop;
 
+/// What a task does; the table of OSTask says what changes it.
 enum OSTState {
   OS_ST_HOLD = 0,  ///< snoozing: waits to be woken
   OS_ST_OK = 1,    ///< running
@@ -25,7 +27,7 @@ enum OSTState {
 /// Decides who deletes a task object: while `task` is set the exiting thread does, afterwards whoever cleared
 /// it. Shared by the object and its thread, freed by the last of them. Under OS_CRITICAL_TASK.
 struct OSTaskRecord {
-  OSTask* task;
+  OSTask* task;  ///< the object, null once it is detached
 };
 
 OSKERNEL_API void* OSThreadFunc(void* task);  ///< the entry of every task's thread
@@ -84,15 +86,21 @@ class OSKERNEL_API OSTask : public OSLinkListObj {
   /// Stops the task: KILL, detached from its record, joined. Afterwards the object is the caller's to delete.
   /// No effect on a task that is stopped already.
   ///   threads   any, inside no section that Main needs to return; from the task's own thread no effect
+  /// Deliberate: on the own thread not even the state changes. Main of a program may call Kill on whatever task it is
+  /// given and goes on when that is itself. Pinned by task_end_test.cpp, KillFromTheOwnThreadDoesNothing.
   void Kill();
   /// Like Kill, but acts on the own thread too, which is then detached instead of joined.
   void _StopThread();
   /// The exiting thread no longer deletes the object, which is the caller's to delete from now on. The task runs
-  /// on, its state unchanged. No effect on a task that is detached already.
+  /// on, its state unchanged. No effect on a task that is detached already. A class whose objects are local variables
+  /// or members calls it in its constructor: its Main may return at any time.
   ///   threads   any
   void _LockDelete();
 
   /// Declares that the task now waits for a wake: OK becomes HOLD, other states stay. Does not block.
+  /// Deliberate: a trigger that is ready for this task already is actioned with the next dispatch pass, whatever that
+  /// comes from; Snooze asks for none. Programs that snooze look at their work once more first. Pinned by
+  /// oddities_trigger_test.cpp, SnoozeAsksForNoPassThoughATriggerIsReadyForTheTask.
   ///   threads   any
   void Snooze();
   /// Ends the snooze, delivers `code` as WakeCode and signals thread_event. Triggers wake with their reason:
@@ -106,9 +114,9 @@ class OSKERNEL_API OSTask : public OSLinkListObj {
   /// once an out-of-range value has been stored, later calls have no effect. Programs park a task's priority
   /// this way. Pinned by task_test.cpp, SetPriorityLooksAtTheOldValueOnly.
   void SetPriority(UWORD new_priority);
-  UWORD Priority() { return priority; }
-  void SetUserdata(ADDR new_userdata) { userdata = new_userdata; }
-  ADDR Userdata() { return userdata; }
+  UWORD Priority() { return priority; }                             ///< as recorded
+  void SetUserdata(ADDR new_userdata) { userdata = new_userdata; }  ///< shares it; no lock
+  ADDR Userdata() { return userdata; }                              ///< as given last; no lock
 
   static OSTask* GetCurrentTask();   ///< the calling thread's task, null when it is none
   static HANDLE GetCurrentHandle();  ///< the low 32 bits of pthread_self()
@@ -124,11 +132,11 @@ class OSKERNEL_API OSTask : public OSLinkListObj {
   ULONG proc_time;  ///< reserved, 0
   UWORD max_time;   ///< reserved, 0
   UWORD rcode;      ///< written before `state` leaves HOLD
-  UWORD priority;
+  UWORD priority;   ///< recorded for the program; the thread's scheduling does not follow it
   /// Written atomically under a lock of the task's own. Main reads it in its loop; another thread's reading is
   /// a snapshot.
   OSTState state;
-  ADDR userdata;
+  ADDR userdata;              ///< the program's own; shares
   pthread_t thread_id;        ///< under OS_CRITICAL_TASK; 0 without a thread
   int thread_pid;             ///< process id as the thread sees it
   HANDLE thread_event;        ///< signalled by Wake; 0 until the first one makes it
@@ -166,8 +174,8 @@ class OSKERNEL_API OSTask : public OSLinkListObj {
 /// A name for a thread, task or not.
 class OSKERNEL_API OSTaskTag : protected OSListObj {
  public:
-  OSTaskTag();  ///< registered, unnamed, for no thread yet
-  ~OSTaskTag() override;
+  OSTaskTag();            ///< registered, unnamed, for no thread yet
+  ~OSTaskTag() override;  ///< leaves the registry
 
   /// Names a thread.
   ///   name      copied; at most 128 characters count
@@ -188,8 +196,8 @@ class OSKERNEL_API OSTaskTag : protected OSListObj {
   [[maybe_unused]] char name_end_;
 
  public:
-  OSTask* task;
-  pthread_t thread_id;
+  OSTask* task;         ///< the task that ran on the thread when it was first named; null when none did
+  pthread_t thread_id;  ///< the thread; 0 for none yet
 
   static OSIndirectList* all_tags;  ///< under OS_CRITICAL_TASK
 };
@@ -198,6 +206,7 @@ class OSKERNEL_API OSTaskTag : protected OSListObj {
 /// makes one and stores it in OS_AXE_TASK; os_cleanup deletes it.
 class OSKERNEL_API OSAxeTask {
  public:
+  /// Makes queue and trigger; the trigger runs Trigger as soon as a task is in the queue.
   OSAxeTask();
   /// Tasks still in the queue stay their owner's. Not while Trigger runs on another thread.
   ~OSAxeTask();

@@ -125,7 +125,8 @@ void OSTrigger::Actioned() {
 
 void OSTrigger::Ready() {
   EnterCriticalSection(&OS_CRITICAL_TRIGGER);
-  // Deliberate: the level just taken is kept, see the header.
+  // Deliberate: the level just taken is kept, see the header. Pinned by trigger_test.cpp,
+  // ReadyOnAReadyTriggerKeepsOneLevelOfTheSection.
   if (state == OS_T_READY) return;
   set_state_locked(OS_T_READY);
   ReadyAppend();

@@ -1,3 +1,4 @@
+/// @file
 /// Triggers: timers, queue levels, polled conditions and hand-fired events that wake a task or run a callback.
 ///
 /// A trigger waits (armed), becomes ready when its condition holds, and is actioned once: a snoozing task is
@@ -24,8 +25,15 @@
 #include "task.h"
 #include "types.h"
 
-enum OSTrState { OS_T_INACTIVE = 0, OS_T_WAIT = 1, OS_T_READY = 2, OS_T_ACTIONED = 3 };
+/// Where a trigger stands; the table above says what moves it on.
+enum OSTrState {
+  OS_T_INACTIVE = 0,  ///< not armed
+  OS_T_WAIT = 1,      ///< armed
+  OS_T_READY = 2,     ///< active; its action is still to come
+  OS_T_ACTIONED = 3   ///< its action has been taken; to be armed again
+};
 
+/// What is done when a trigger becomes active.
 enum OSTrAction {
   OS_TA_NONE = 0,  ///< nothing is done; the trigger stays ready until somebody clears or cancels it
   OS_TA_WAKE = 1,  ///< wakes `task`
@@ -47,7 +55,7 @@ class OSKERNEL_API OSTrigger : public OSLinkListObj {
   /// Not armed; delivered to the constructing thread's own ready list when it has one, else globally; wakes,
   /// unless told otherwise, the task that constructs it. obj, addr and value are left unset.
   explicit OSTrigger(OSTrAction action);
-  ~OSTrigger() override;
+  ~OSTrigger() override;  ///< leaves every list; a firing that is still to be dispatched is withdrawn
 
   /// Tests the condition and activates the trigger when it holds.
   ///   threads   any: the trigger task, a thread that changes a watched queue, the caller of Clear. All of them
@@ -55,8 +63,8 @@ class OSKERNEL_API OSTrigger : public OSLinkListObj {
   ///             included, and must not wait.
   virtual void Check() = 0;
 
-  BOOL IsActive();  ///< ready or actioned
-  OSTrState State();
+  BOOL IsActive();    ///< ready or actioned
+  OSTrState State();  ///< the present state, a snapshot
 
   /// From now on wakes `task` (shares), whatever it did before. Null wakes nobody: the trigger stays ready.
   /// A trigger that is ready already and that its dispatcher could not action as it was is looked at again.
@@ -100,30 +108,34 @@ class OSKERNEL_API OSTrigger : public OSLinkListObj {
   static HANDLE TLSGetEvent();  ///< the calling thread's event, 0 when it has none
   static void TLSPoll();        ///< runs the calling thread's ready triggers; no effect without a list
 
-  OSTrState state;  ///< under OS_CRITICAL_TRIGGER, written atomically for readers without it
-  OSTrAction action;
-  UBYTE reason;  ///< why it last became active: 1 fired, 2 polled, 3 queue length, 4 timer; 0 before
+  OSTrState state;    ///< under OS_CRITICAL_TRIGGER, written atomically for readers without it
+  OSTrAction action;  ///< set by the constructor, SetTask and SetCallback
+  UBYTE reason;       ///< why it last became active: 1 fired, 2 polled, 3 queue length, 4 timer; 0 before
   /// 0: a trigger that does not run a callback is actioned in the activating thread when that is possible;
   /// 2: the constructing thread's ready list when it has one; anything else: the global ready list.
+  /// Deliberate: 0 never runs a callback inside Fire or Check; a dispatcher does, outside every section. Callbacks
+  /// take sections of their own and rely on holding none before. Pinned by trigger_test.cpp,
+  /// ASynchronousCallbackIsNeverRunInsideFire.
   UBYTE async;
   OSTriggerTLS* tls;  ///< the constructing thread's ready list or null
   OSTask* task;       ///< the task to wake; at first the constructing one, null on a thread that is none
   OSCallbackFunction callback;  ///< null at first; called as callback(obj, addr, value)
-  OSObj* obj;
-  ADDR addr;
-  ULONG value;
-  int fired;  ///< number of activations; under OS_CRITICAL_TRIGGER
+  OSObj* obj;                   ///< the callback's first argument; unset until SetCallback
+  ADDR addr;                    ///< its second
+  ULONG value;                  ///< its third
+  int fired;                    ///< number of activations; under OS_CRITICAL_TRIGGER
 
  protected:
   // The transitions. Kinds override them to enter and leave their watch list around the base version, which
   // must be called. All run inside OS_CRITICAL_TRIGGER.
-  virtual void Inactive();
-  virtual void Wait();
+  virtual void Inactive();  ///< disarms: leaves the ready list, state INACTIVE
+  virtual void Wait();      ///< arms: leaves the ready list, state WAIT; tests nothing
+  /// Makes ready: state READY, then ReadyAppend.
   /// Deliberate: on a trigger that is ready already this returns without giving back the level of
   /// OS_CRITICAL_TRIGGER that it took. No path of the kernel calls it so; derived triggers that do are
   /// balanced against it. Pinned by trigger_test.cpp, ReadyOnAReadyTriggerKeepsOneLevelOfTheSection.
   virtual void Ready();
-  virtual void Actioned();
+  virtual void Actioned();  ///< notes that the action is taken: leaves the ready list, state ACTIONED
 
   void Activate();     ///< the step from WAIT: `fired` + 1, then actioned at once or made ready
   void ReadyAppend();  ///< appends to the ready list that `async` chooses and signals its event
@@ -135,10 +147,10 @@ class OSKERNEL_API OSTrigger : public OSLinkListObj {
   void set_state_locked(OSTrState new_state);
   void signal_if_passed_over_locked();
 
-  bool passed_over_;         ///< a dispatcher found it ready and could do nothing
-  OSLinkList* ready_list_;   ///< the list it was put on while it is ready, else null
-  OSTriggerTLS* tls_owner_;  ///< keeps `tls` alive as long as the trigger
-  std::uint64_t poll_pass_;  ///< the last dispatch pass that checked it on OS_POLL_LIST
+  bool passed_over_;                    ///< a dispatcher found it ready and could do nothing
+  OSLinkList* ready_list_;              ///< the list it was put on while it is ready, else null
+  OSTriggerTLS* tls_owner_;             ///< keeps `tls` alive as long as the trigger
+  alignas(8) std::uint64_t poll_pass_;  ///< the last dispatch pass that checked it on OS_POLL_LIST
 };
 
 /// Becomes active when `duration` milliseconds have passed. Periodic when cleared: the next period is measured
@@ -154,8 +166,9 @@ class OSKERNEL_API OSTimerTrigger : public OSTrigger {
   ///   period    ms; 0 never expires (Fire still works) and is in no timer list
   ///   inactive  0 arms it at once
   OSTimerTrigger(ULONG period, int inactive);
-  ~OSTimerTrigger() override;
-  void Check() override;
+  ~OSTimerTrigger() override;  ///< leaves every list
+  void Check()
+      override;  ///< when `duration` ms have passed: start_time moves on by it, and the trigger is activated
 
   /// Starts the timer again from now, whatever its state is.
   void SetTimer(ULONG duration);
@@ -165,10 +178,10 @@ class OSKERNEL_API OSTimerTrigger : public OSTrigger {
   TBOOL single_shot;  ///< for programs; the kernel neither sets nor reads it
 
  protected:
-  void Inactive() override;
-  void Wait() override;
-  void Ready() override;
-  void Actioned() override;
+  void Inactive() override;  ///< leaves OS_TIMER_LIST, too
+  void Wait() override;      ///< joins OS_TIMER_LIST, too, unless it is armed already or `duration` is 0
+  void Ready() override;     ///< leaves OS_TIMER_LIST, too
+  void Actioned() override;  ///< leaves OS_TIMER_LIST, too
 
  private:
   friend class OSTimerIndex;
@@ -180,7 +193,7 @@ class OSKERNEL_API OSTimerTrigger : public OSTrigger {
     OSTimerTrigger* left;
     OSTimerTrigger* right;
     OSTimerTrigger* parent;
-    std::uint64_t due;        ///< tick at which it expires, counted without wrap
+    alignas(8) std::uint64_t due;  ///< tick at which it expires, counted without wrap
     std::uint64_t left_max;   ///< the latest due below `left`, 0 without one; kept here to spare a look there
     std::uint64_t right_max;  ///< the same for `right`
     std::uint32_t priority;
@@ -193,24 +206,25 @@ class OSKERNEL_API OSTimerTrigger : public OSTrigger {
 /// queue that already meets a mark activates it during construction.
 class OSKERNEL_API OSQTrigger : public OSTimerTrigger {
  public:
+  /// Armed, and tested at once; wakes the constructing task unless changed.
   ///   queue      shares; an armed trigger must be cancelled or destroyed before its queue is, and once the
   ///              queue is gone, the trigger must be neither armed nor checked, only destroyed
   ///   high_mark  active when the queue holds at least so many; 0 for no high mark
   ///   low_mark   active when it holds at most so many; 0 for no low mark
   ///   period     ms until it becomes active anyway; 0 for no timer
   OSQTrigger(OSQueue* queue, ULONG high_mark, ULONG low_mark, ULONG period);
-  ~OSQTrigger() override;
-  void Check() override;
+  ~OSQTrigger() override;  ///< leaves every list; the queue is touched only while the trigger is armed
+  void Check() override;   ///< looks at the queue's length, and when that meets no mark, at the timer
 
-  OSQueue* q;
-  int minqlen;
-  int maxqlen;
+  OSQueue* q;   ///< the queue that is watched; shares
+  int minqlen;  ///< the low mark; 0 for none
+  int maxqlen;  ///< the high mark; 0 for none
 
  protected:
-  void Inactive() override;
-  void Wait() override;
-  void Ready() override;
-  void Actioned() override;
+  void Inactive() override;  ///< leaves the queue's trigger list and OS_TIMER_LIST, too
+  void Wait() override;      ///< joins the queue's trigger list, and OS_TIMER_LIST with a period, too
+  void Ready() override;     ///< leaves the queue's trigger list and OS_TIMER_LIST, too
+  void Actioned() override;  ///< leaves the queue's trigger list and OS_TIMER_LIST, too
 
  private:
   void unwatch_locked();
@@ -220,35 +234,36 @@ class OSKERNEL_API OSQTrigger : public OSTimerTrigger {
 /// triggers armed a pass comes only when something else wakes it (arming a poll trigger does).
 class OSKERNEL_API OSPollTrigger : public OSTrigger {
  public:
+  /// Armed; wakes the constructing task unless changed.
   ///   function  called as function(trigger, poll_obj, poll_addr, poll_value) inside OS_CRITICAL_TRIGGER: it
   ///             must be short and must not wait for a thread that needs triggers. It may cancel or delete
   ///             triggers, its own too.
   OSPollTrigger(OSPollFunction function, OSObj* poll_obj, ADDR poll_addr, ULONG poll_value);
-  ~OSPollTrigger() override;
-  void Check() override;
+  ~OSPollTrigger() override;  ///< leaves every list
+  void Check() override;      ///< asks pollfunc
 
-  OSPollFunction pollfunc;
-  OSObj* pobj;
-  ADDR paddr;
-  ULONG pvalue;
+  OSPollFunction pollfunc;  ///< what is asked
+  OSObj* pobj;              ///< its second argument
+  ADDR paddr;               ///< its third
+  ULONG pvalue;             ///< its fourth
 
  protected:
-  void Inactive() override;
-  void Wait() override;
+  void Inactive() override;  ///< leaves OS_POLL_LIST, too
+  void Wait() override;  ///< joins OS_POLL_LIST, too, unless it is armed already, and wakes the trigger task
 };
 
 /// One thread's own ready list. TLSInitialise makes it, TLSUninitialise gives it up; it stays allocated until
 /// the last trigger that was constructed with it is gone.
 class OSKERNEL_API OSTriggerTLS {
  public:
-  OSTriggerTLS();
-  ~OSTriggerTLS();
+  OSTriggerTLS();   ///< the calling thread's list from now on, when there is a tls_key
+  ~OSTriggerTLS();  ///< closes the event; triggers still on the list stay ready and are on none
   /// Runs the ready triggers of this list and reports each action that took more than 500 ms.
   ///   threads   the owning thread
   void Poll();
 
-  HANDLE event;
-  OSLinkList OS_READY_LIST;  ///< under OS_CRITICAL_TRIGGER
+  HANDLE event;              ///< signalled for each trigger that joins the list; 0 once it is given up
+  OSLinkList OS_READY_LIST;  ///< the triggers to run; under OS_CRITICAL_TRIGGER
 
   static pthread_key_t tls_key;  ///< 0 until the first TLSInitialise
 
@@ -266,9 +281,9 @@ class OSKERNEL_API OSTriggerTLS {
 /// The task that tests timers and poll triggers and runs what is ready on the global list.
 class OSKERNEL_API OSTriggerTask : public OSTask {
  public:
-  OSTriggerTask();
+  OSTriggerTask();            ///< starts the thread: priority 5, KERNELCFG->trigger_stack bytes of stack
   ~OSTriggerTask() override;  ///< ends Main and joins the thread
-  void Main() override;
+  void Main() override;       ///< a dispatch pass each time os_trig_event is signalled, until `done`
 
   bool done;  ///< tells Main to end; accessed atomically, published by the signal that follows
 };
@@ -291,7 +306,8 @@ OSKERNEL_API void os_notify_now();
 
 extern OSKERNEL_API HANDLE os_trig_event;        ///< wakes the trigger task
 extern OSKERNEL_API HANDLE os_trig_timer_event;  ///< wakes the timer thread
-extern OSKERNEL_API pthread_t os_trig_timer_thread;
+extern OSKERNEL_API pthread_t
+    os_trig_timer_thread;                     ///< the timer thread as started last; 0 before the first start
 extern OSKERNEL_API bool os_trig_timer_done;  ///< tells the timer thread to end
 
 /// Guards every trigger's state and every trigger list. Entered after a protected queue's own section, before

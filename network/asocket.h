@@ -1,3 +1,4 @@
+/// @file
 /// The networking layer: addresses, asynchronous sockets, packet and line framing, receive rings, the name cache.
 #ifndef OSKERNEL_ASOCKET_H
 #define OSKERNEL_ASOCKET_H

@@ -78,6 +78,9 @@ int AsyncSocket::CreateRealTime(int Atype, UWORD port, ULONG addr, bool reuse_al
   return create({"CreateRealTime", "failed", nullptr}, Atype, port, addr, reuse_allowed, false);
 }
 
+// Deliberate: two blanks before "type=", and "resuse". These lines are searched for in the logs of appliances in the
+// field as they have always been. Pinned by socket_create_test.cpp, SaysWhenThereIsNoDescriptor and
+// SaysWhenThePortIsInUseAndKeepsTheDescriptor.
 int AsyncSocket::create(const Texts& texts, int Atype, UWORD port, ULONG addr, bool reuse_allowed,
                         bool send_timeout) {
   if (addr == 0) addr = seen(local_ipaddr);
@@ -100,6 +103,8 @@ int AsyncSocket::create(const Texts& texts, int Atype, UWORD port, ULONG addr, b
     loc_sin = local;
   }
   set_on(fd, SO_BROADCAST);
+  // Deliberate: a stream always may take a port that an ended connection still holds, whatever the caller says: a server
+  // that is started again gets its port at once. Pinned by socket_create_test.cpp, SetsTheOptionsOfTheForm.
   if (seen(type) == SOCK_STREAM || (seen(type) == SOCK_DGRAM && reuse_allowed)) set_on(fd, SO_REUSEADDR);
   if (indirect_socket) set_nonblocking(fd);
   if (send_timeout) setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof kSendTimeout);
@@ -142,6 +147,8 @@ int AsyncSocket::CreateMulticast(SockAddr& addr, MulticastFlags flags, SockAddr*
   return create_multicast({"CreateMulticast", nullptr, "SOCKET"}, addr, flags, pifaddr, true);
 }
 
+// Deliberate: "WSASocket" is what the line says that reports a missing descriptor, where the other form says "SOCKET";
+// it tells the two apart in the logs. Pinned by socket_multicast_join_test.cpp, ReportsWhenThereIsNoDescriptor.
 int AsyncSocket::CreateMulticastRealTime(SockAddr& addr, MulticastFlags flags, SockAddr* pifaddr) {
   return create_multicast({"CreateMulticastRealTime", nullptr, "WSASocket"}, addr, flags, pifaddr, false);
 }
@@ -211,6 +218,9 @@ int AsyncSocket::join_group(const Texts& texts, const SockAddr& interface_addr) 
   }
 
   // On the appliance several interfaces may have routes to the group: it is joined by the interface's index.
+  // Deliberate: an interface address with a port fits no interface, since addresses are compared whole, and the index
+  // is 0 then: the system chooses. Pinned by socket_multicast_join_test.cpp,
+  // FindsNoInterfaceWhenTheAddressGivenHasAPort.
   group_req request{};
   request.gr_interface = interface_index(fd, interface_addr);
   sockaddr_in member{};

@@ -138,6 +138,9 @@ bool is_makers(const UBYTE* mac) {
 }
 
 // Lets the system choose the address from which it would send.
+/// Deliberate: failures go to standard error, "conect" and all, and not to the console: programs ask for the address
+/// before they have one. Pinned by socket_interface_test.cpp,
+/// ElsewhereAFailureIsWrittenToStandardErrorAndLeavesNoDescriptor.
 ULONG address_towards(ULONG dest) {
   const Probe probe;
   const int on = 1;

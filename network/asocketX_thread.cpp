@@ -12,7 +12,8 @@
 namespace {
 
 constexpr int kRingBuffers = 32;
-/// Only an interval up to this is doubled. Deliberate: with the default of 500 ms it stays as it is. Programs that set
+/// Only an interval up to this is doubled.
+/// Deliberate: with the default of 500 ms it stays as it is. Programs that set
 /// a short one get a growing one. Pinned by socket_receive_direct_test.cpp,
 /// OnlyAShortRetryIntervalIsDoubled.
 constexpr ULONG kDoubledUpTo_ms = 15;
@@ -106,6 +107,8 @@ void AsyncSocket::receive_until_stopped(const SocketVisit& visit) {
     // Given during the handshake, or while what was given then still waited.
     if (!visit.gone() && seen(early_waiting_)) send_early_data_blocking(visit);
   }
+  // Deliberate: "thead", here and in ListenMain, as the logs have it. Pinned by socket_receive_direct_test.cpp,
+  // ConnectsAndSendsWhatWasQueued, and socket_monitor_accept_test.cpp, SaysWhomItAccepts.
   if (!visit.gone() && seen(trace) != 0)
     diagnostics().Print("%d AsyncSocket::Main - Stopped receive thead", seen(s));
 }

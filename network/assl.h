@@ -1,3 +1,4 @@
+/// @file
 /// TLS over asynchronous sockets, by OpenSSL.
 ///
 /// A program calls SSLInfo::Initialise once with its default certificate, key and CA files. After that a socket whose
@@ -72,6 +73,9 @@ class OSKERNEL_API SSLInfo {
   ///             connection broke off
   int Recv(OSBuf** out);
   /// Writes a buffer. What the connection does not take now is queued and tried again every 10 ms, up to 11 buffers.
+  /// Deliberate: each try writes the first queued buffer once, so that a queue drains at one write in 10 ms, however
+  /// much the connection would take. A session that has stalled does not push the others aside when it goes on.
+  /// Pinned by tls_session_retry_clock_test.cpp, IsMadeOnceHoweverLateItComes.
   ///   takes     buf
   ///   returns   Success; NoConnection when the session is not established, the queue is full or writing failed
   OSIORetCode DataIndication(OSBuf* buf);

@@ -220,6 +220,9 @@ int DnsQuestion::Decode(UBYTE* p, UBYTE* msg) {
   return decode(reader) ? static_cast<int>(reader.at() - p) : 0;
 }
 
+// Deliberate: two blanks stand between the object's address and what follows, here and in every line of a record, and a
+// record's class stands before its type. Whoever reads the logs cuts the lines into columns by them. Pinned by
+// dns_print_test.cpp, AQuestionIsNameTypeAndClass and AnARecordShowsItsAddress.
 void DnsQuestion::Print() {
   diagnostics().Print("DNS: %p  %s, type %s, class %s", static_cast<void*>(this), qname,
                       shown(GetTypeStr(qtype)), shown(GetClassStr(qclass)));

@@ -1,3 +1,4 @@
+/// @file
 /// DNS (RFC 1035): decoding, printing and asking.
 ///
 ///   DnsMessage   what a received message says, as lists of DnsQuestion and DnsResource
@@ -49,28 +50,28 @@ class OSBuf;
 
 /// Types of records (RFC 1035 3.2.2 and 3.2.3, RFC 2782, RFC 3403).
 enum Type : int {
-  T_A = 1,
-  T_NS = 2,
-  T_MD = 3,
-  T_MF = 4,
-  T_CNAME = 5,
-  T_SOA = 6,
-  T_MB = 7,
-  T_MG = 8,
-  T_MR = 9,
-  T_NULL = 10,
-  T_WKS = 11,
-  T_PTR = 12,
-  T_HINFO = 13,
-  T_MINFO = 14,
-  T_MX = 15,
-  T_TXT = 16,
-  T_SRV = 33,
-  T_NAPTR = 35,
-  T_AXFR = 252,
-  T_MAILB = 253,
-  T_MAILA = 254,
-  T_ALL = 255
+  T_A = 1,        ///< an IPv4 address
+  T_NS = 2,       ///< a name server of the zone
+  T_MD = 3,       ///< a mail destination; obsolete, see T_MX
+  T_MF = 4,       ///< a mail forwarder; obsolete, see T_MX
+  T_CNAME = 5,    ///< the canonical name of an alias
+  T_SOA = 6,      ///< the start of a zone of authority
+  T_MB = 7,       ///< a mailbox; experimental
+  T_MG = 8,       ///< a member of a mail group; experimental
+  T_MR = 9,       ///< a mailbox that has been renamed; experimental
+  T_NULL = 10,    ///< any data; experimental
+  T_WKS = 11,     ///< well-known services
+  T_PTR = 12,     ///< a name, of an address for instance
+  T_HINFO = 13,   ///< processor and system of a host
+  T_MINFO = 14,   ///< mailbox or mail list
+  T_MX = 15,      ///< a mail exchange
+  T_TXT = 16,     ///< texts
+  T_SRV = 33,     ///< the server of a service (RFC 2782)
+  T_NAPTR = 35,   ///< a rule that rewrites names (RFC 3403)
+  T_AXFR = 252,   ///< in questions only: a whole zone
+  T_MAILB = 253,  ///< in questions only: MB, MG and MR
+  T_MAILA = 254,  ///< in questions only: MD and MF; obsolete, see T_MX
+  T_ALL = 255     ///< in questions only: all types
 };
 
 // ---- Names -------------------------------------------------------------------------------------------------
@@ -102,8 +103,8 @@ OSKERNEL_API int GetDomainLength(UBYTE* p, UBYTE* msg);
 /// What is asked (RFC 1035 4.1.2). Its fields mean something after Decode.
 class OSKERNEL_API DnsQuestion : public OSListObj {
  public:
-  DnsQuestion();
-  ~DnsQuestion() override;
+  DnsQuestion();            ///< its fields mean nothing yet
+  ~DnsQuestion() override;  ///< takes it out of no list: its owner does
   /// Decodes a question.
   ///   p, msg    as for GetDomain
   ///   returns   how many bytes it takes; 0, with an empty qname, when GetDomain cannot expand the name
@@ -126,7 +127,7 @@ class OSKERNEL_API DnsResource : public OSListObj {
  public:
   /// Empty names, numbers of 0.
   DnsResource();
-  ~DnsResource() override;
+  ~DnsResource() override;  ///< takes it out of no list: its owner does
   /// Decodes a record.
   /// Deliberate: the next record is found by RDLENGTH alone, which is not compared with what the type's data hold: a
   /// server that counts wrongly there still gets its next record read where it says that it is. Pinned by
@@ -172,7 +173,7 @@ class OSKERNEL_API DnsMessage : public OSListObj {
   /// A console line for each list that is not empty and for each entry.
   void Print();
 
-  int id;
+  int id;                    ///< the header's ID, 16 bits: the question's, given back in the answer
   int opts;                  ///< QR, Opcode, AA, TC, RD, RA, Z and RCODE as they stand in the header, 16 bits
   int qdcount;               ///< how many questions the header announces
   int ancount;               ///< answers

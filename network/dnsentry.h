@@ -1,3 +1,4 @@
+/// @file
 /// The cache of host names: resolves names without blocking any task.
 ///
 /// One resolver thread calls gethostbyname for the names that wait; results are kept for five minutes. Sockets that
@@ -24,6 +25,11 @@ class AsyncSocket;
 ///   cached             cannot happen     cannot happen     gone                       address
 ///
 /// "delivering" ends when Callback runs: with an address the entry is cached, otherwise it is deleted.
+///
+/// Deliberate: the five minutes run from the delivery, and no Lookup prolongs them; a name without an address is not
+/// kept at all. Programs that go on asking for the same host follow it when it moves, and a host that comes back is
+/// found at once. Pinned by dnsentry_clock_test.cpp, LookUpsDoNotProlongIt, and dnsentry_test.cpp,
+/// AFailedNameIsForgottenAndAskedForAgain.
 class OSKERNEL_API DNSEntry : public OSListObj {
  public:
   /// Asks the cache. Names are matched ignoring case.
@@ -81,9 +87,17 @@ class OSKERNEL_API DNSEntry : public OSListObj {
   static pthread_t thread;  ///< 0 when it is not running
 
  protected:
+  /// An entry that is in no list yet; `dnsname` is null when there is no memory for it.
+  ///   name      copied
+  ///   addr      host order; 0 while it is not known
+  ///   threads   any, inside cs
   DNSEntry(const char* name, ULONG addr);
+  /// Frees the name.
   ~DNSEntry() override;
+  /// The callback of `timer`: forgets the entry when it is still in the cache.
+  ///   serial    which entry at that address; 0 for any
   static void _TimerCallback(OSObj* entry, ADDR unused_addr, ULONG serial);
+  /// The resolver thread's entry; StartThread starts it. Resolves what is pending until `stop`. null.
   static void* Thread(void* unused);
 
  private:

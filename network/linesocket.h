@@ -1,3 +1,4 @@
+/// @file
 /// Text lines over TCP.
 #ifndef OSKERNEL_LINESOCKET_H
 #define OSKERNEL_LINESOCKET_H
@@ -10,9 +11,12 @@
 /// A layer above a TCP socket of its own that receives text lines and sends strings. Programs derive from it,
 /// override Receive, and connect.
 ///
-/// A line ends with a carriage return. Line feeds are dropped wherever they stand, and so are bytes of 128 and more;
-/// a line that ends with a line feed alone goes on with the next one. What has been collected stays, across connections
-/// too, until its carriage return comes; a program that does not want it sets linelen to 0 when it connects.
+/// A line ends with a carriage return. Line feeds are dropped wherever they stand, and so are bytes of 128 and more.
+/// Deliberate: a line that ends with a line feed alone goes on with the next one. Protocols for appliances end theirs
+/// with a carriage return, and some put line feeds inside. Pinned by linesocket_test.cpp,
+/// IsWhatStandsBeforeACarriageReturn.
+/// What has been collected stays, across connections too, until its carriage return comes; a program that does not
+/// want it sets linelen to 0 when it connects.
 ///
 /// A program that destroys one while its dispatcher may be inside Receive frees `socket`, and sets it to null, in the
 /// destructor of its own class, or destroys it on the dispatching thread (`done`): what a derived class has is gone
@@ -25,6 +29,7 @@ class OSKERNEL_API LineSocket : public OSIO {
   /// Makes the socket, bound to the primary local address and any port.
   ///   max_line  bytes of storage that a line begins with, its terminating zero included; below 1 counts as 1
   explicit LineSocket(int max_line);
+  /// Frees the socket, unless `socket` is null, and the line.
   ~LineSocket() override;
 
   /// The received stream.

@@ -1,3 +1,4 @@
+/// @file
 /// The large receive buffers of direct sockets, and the record of an accepted connection.
 ///
 /// A direct socket reads into a private ring of buffers instead of the shared pools, so that a busy socket neither
@@ -94,7 +95,7 @@ class OSKERNEL_API RingBuffer : public OSListObj {
 class OSKERNEL_API SocketBuffer : public OSBuf {
  public:
   explicit SocketBuffer(RingBuffer* ring_of_it);  ///< shares the ring
-  ~SocketBuffer() override;
+  ~SocketBuffer() override;                       ///< releases its storage
   /// Runs the callbacks attached to the buffer and puts it back into its ring. A buffer that is at home already is
   /// reported, "SocketBuffer::Free = buffer freed twice!", and nothing else is done. One whose ring is being
   /// destroyed is Fatal "SocketBuffer::Free"; when that returns, the buffer is in no ring.
@@ -118,8 +119,9 @@ class OSKERNEL_API SocketBuffer : public OSBuf {
 /// descriptor.
 class OSKERNEL_API SocketLink : public OSLinkListObj {
  public:
+  /// Keeps both; `remote` is copied.
   SocketLink(int descriptor, SockAddr& remote) : s(descriptor), rem_sin(remote) {}
-  ~SocketLink() override;
+  ~SocketLink() override;  ///< leaves the descriptor open
 
   int s;             ///< the accepted descriptor
   SockAddr rem_sin;  ///< the peer

@@ -1,3 +1,4 @@
+/// @file
 /// The IPv4 socket address of the networking layer.
 ///
 /// Host-order values are 32-bit addresses with the first dotted octet in the top byte, and ports as plain numbers;
@@ -28,7 +29,7 @@ class OSKERNEL_API SockAddr {
   /// Programs rely on SetAddress for what people type. Pinned by sockaddr_test.cpp,
   /// TheConstructorTakesWhiteSpaceAsPartOfAName.
   SockAddr(const char* name_or_addr, UWORD port);
-  SockAddr(const SockAddr&) = default;
+  SockAddr(const SockAddr&) = default;  ///< copies addr_str, too
 
   void Set(ULONG addr, UWORD port);  ///< both in host order; sets family and sin_zero as well
   /// SetAddress(name_or_addr), then SPort(port); family and sin_zero stay.
@@ -40,7 +41,7 @@ class OSKERNEL_API SockAddr {
   void SPort(UWORD port);       ///< host order; the address stays
 
   operator sockaddr*() { return reinterpret_cast<sockaddr*>(&sin); }  ///< for the socket calls
-  operator sockaddr_in*() { return &sin; }
+  operator sockaddr_in*() { return &sin; }                            ///< the same as its own type
 
   SockAddr& operator=(sockaddr* address);      ///< copies 16 bytes into sin
   SockAddr& operator=(const SockAddr& other);  ///< copies sin, not addr_str
@@ -48,6 +49,7 @@ class OSKERNEL_API SockAddr {
   bool operator==(const SockAddr& other) const {
     return sin.sin_addr.s_addr == other.sin.sin_addr.s_addr && sin.sin_port == other.sin.sin_port;
   }
+  /// Whether address or port differ.
   bool operator!=(const SockAddr& other) const { return !(*this == other); }
 
   ULONG Address() const;                                    ///< host order
@@ -70,6 +72,7 @@ class OSKERNEL_API SockAddr {
   /// Within the site's private network when that is set (both values not 0), which then alone counts; otherwise in
   /// 192.168.0.0/16, 172.16.0.0/12 or 10.0.0.0/8 (RFC 1918). Loopback and link-local addresses are not private.
   bool IsPrivate() const;
+  /// Whether it is not private: loopback and multicast addresses and 0.0.0.0 are public.
   bool IsPublic() const { return !IsPrivate(); }
 
   /// Sets the site's private network, both in host order. With either 0 the built-in ranges count.

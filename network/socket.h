@@ -1,3 +1,4 @@
+/// @file
 /// The blocking sockets: this header brings the whole family.
 #ifndef OSKERNEL_SOCKET_H
 #define OSKERNEL_SOCKET_H

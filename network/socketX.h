@@ -1,3 +1,4 @@
+/// @file
 /// The blocking TCP and UDP socket.
 ///
 /// For service programs, provisioning and diagnostics: code that prefers to wait for its data. Everything happens on
@@ -44,7 +45,12 @@
 /// above 1023 work. Addresses in console lines are in host order.
 class OSKERNEL_API Socket : public OSIO {
  public:
-  enum Type { UDP = 0, TCP_CLIENT = 1, TCP_SERVER = 2 };  ///< any value but UDP makes a stream socket
+  /// The kind of socket. Any value but UDP makes a stream socket.
+  enum Type {
+    UDP = 0,         ///< datagrams
+    TCP_CLIENT = 1,  ///< a stream that connects
+    TCP_SERVER = 2   ///< a stream that listens, or has been accepted
+  };
 
   /// A bound socket. SO_REUSEADDR is on, the send time-out is 5 s.
   ///   port      host order; 0 for any
@@ -155,16 +161,21 @@ class OSKERNEL_API Socket : public OSIO {
   ///   threads   any
   static BOOL Init(ULONG addr);
 
-  Type type;                                 ///< as constructed
-  enum { INVALID, READY, CONNECTED } state;  ///< see above
-  sockaddr_in local_sin;                     ///< local address
-  sockaddr_in remote_sin;                    ///< peer
-  int s;                                     ///< the descriptor; -1 when there is none
-  OSStream queue;                            ///< buffers that wait for FlushQueue
-  hostent* phostent;   ///< the entry of the host that was looked up: rmthostent; or null
-  hostent rmthostent;  ///< a copy of that entry, the socket's own; zero when none was
-  fd_set readfds;      ///< read set of the last wait; empty for descriptors above 1023
-  fd_set exceptfds;    ///< exception set of the last wait, likewise
+  Type type;  ///< as constructed
+  /// Where the socket stands; the table above says what moves it on.
+  enum {
+    INVALID,               ///< not usable, or failed, or closed
+    READY,                 ///< bound or listening
+    CONNECTED              ///< has its peer
+  } state;                 ///< see above
+  sockaddr_in local_sin;   ///< local address
+  sockaddr_in remote_sin;  ///< peer
+  int s;                   ///< the descriptor; -1 when there is none
+  OSStream queue;          ///< buffers that wait for FlushQueue
+  hostent* phostent;       ///< the entry of the host that was looked up: rmthostent; or null
+  hostent rmthostent;      ///< a copy of that entry, the socket's own; zero when none was
+  fd_set readfds;          ///< read set of the last wait; empty for descriptors above 1023
+  fd_set exceptfds;        ///< exception set of the last wait, likewise
 
   /// Guards socket_list. A leaf but for the link pool's section.
   static CRITICAL_SECTION cs;

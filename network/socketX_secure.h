@@ -1,3 +1,4 @@
+/// @file
 /// TLS over the blocking socket, with a set-up of its own: fixed certificate files, no verification of the peer.
 ///
 /// Include socket.h; it brings the whole family.
@@ -62,7 +63,10 @@ class OSKERNEL_API SecureSocket : public Socket {
   ///   returns   a new SecureSocket of type TCP_SERVER, on which ConnectAck starts TLS; null after
   ///             "Socket::Accept: accept() %d"
   Socket* Accept() override;
-  /// Frees the session, without telling the peer, and closes the socket as Socket does.
+  /// Frees the session and closes the socket as Socket does.
+  /// Deliberate: no close notification is sent. Closing never waits for a peer that reads nothing, and the service
+  /// peers take the end of the connection for the end of the session. Pinned by secure_socket_handshake_test.cpp,
+  /// CloseTellsThePeerNothingInTls.
   void Close() override;
   int Queue(OSBuf* buf) override;         ///< as Socket's
   int FlushQueue(bool verbose) override;  ///< as Socket's; the buffers go through this class's DataIndication

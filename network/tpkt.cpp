@@ -78,7 +78,8 @@ OSIORetCode TPKTSocket::DataExpeditedIndication(OSBuf* buf) {
   if (seen(trace) >= 2) {
     diagnostics().Print("%d TPKTSocket::DataExpeditedIndication - Sending %d bytes", seen(s), buf->length);
   }
-  // Deliberate: goes on to this class's DataIndication, which frames once more. See tpkt.h.
+  // Deliberate: goes on to this class's DataIndication, which frames once more, see the header. Pinned by
+  // tpkt_test.cpp, ExpeditedDataLeavesWithTwoHeaders.
   return push_header(buf) ? AsyncSocket::DataExpeditedIndication(buf) : Blocked;
 }
 

@@ -1,3 +1,4 @@
+/// @file
 /// TCP with packet framing, RFC 1006 section 6.
 #ifndef OSKERNEL_TPKT_H
 #define OSKERNEL_TPKT_H
@@ -31,8 +32,8 @@
 /// Always indirect. What is half received survives Close; the destructor frees it.
 class OSKERNEL_API TPKTSocket : public AsyncSocket {
  public:
-  TPKTSocket();
-  ~TPKTSocket() override;
+  TPKTSocket();            ///< between packets; otherwise as AsyncSocket(true)
+  ~TPKTSocket() override;  ///< frees what is half received; reached through Free, as every socket's
 
   /// Sends buf as one packet.
   ///   takes     buf
@@ -44,7 +45,9 @@ class OSKERNEL_API TPKTSocket : public AsyncSocket {
   /// expedited path frames and then goes through this class's DataIndication. Peers expect it so. Pinned by
   /// tpkt_test.cpp, ExpeditedDataLeavesWithTwoHeaders.
   OSIORetCode DataExpeditedIndication(OSBuf* buf) override;
-  /// NotSupported; the caller keeps buf.
+  /// NotSupported.
+  /// Deliberate: the buffer stays the caller's, unlike with every other send, since there is no address that a packet
+  /// could go to; callers free it. Pinned by tpkt_test.cpp, ADatagramIsRefusedAndStaysTheCallers.
   OSIORetCode DatagramIndication(OSBuf* buf, void* source, void* dest) override;
   /// A new TPKTSocket for an accepted connection.
   AsyncSocket* GetNewSocket(int skt) override;
