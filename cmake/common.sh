@@ -9,8 +9,14 @@ PACKAGES_BUILD=(g++ cmake ninja-build libssl-dev)
 PACKAGES_TEST=(libgtest-dev libgmock-dev
   iproute2 dnsmasq-base redis-server netcat-openbsd socat tshark openssl gnutls-bin nsd bind9 bind9-dnsutils)
 PACKAGES_EXAMPLES=(libcli11-dev nlohmann-json3-dev libfmt-dev libcsv-dev libboost-dev openssl)
+# What a foreign build finds in its sysroot, and the compilers and emulators of its own machine.
+PACKAGES_SYSROOT=(libssl-dev libcli11-dev nlohmann-json3-dev libfmt-dev libcsv-dev libboost-dev)
+PACKAGES_armhf=(g++-arm-linux-gnueabihf qemu-user googletest)
+PACKAGES_i686=(g++-i686-linux-gnu googletest)
+PACKAGES_arm64=(g++-aarch64-linux-gnu qemu-user googletest)
 PACKAGES_BENCH=(libbenchmark-dev libboost-dev libuv1-dev libevent-dev libc-ares-dev libldns-dev)
-PACKAGES_CHECK=(git clang-format clang-tidy python3)
+PACKAGES_CHECK=(git clang-format clang-tidy python3 doxygen)
+PACKAGES_PACKAGING=(debhelper dpkg-dev lintian pkgconf make libcli11-dev nlohmann-json3-dev libfmt-dev)
 PACKAGES_FUZZ=(clang libclang-rt-14-dev)
 
 say() { printf '%s\n' "$*"; }

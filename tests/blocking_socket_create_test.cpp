@@ -10,6 +10,7 @@
 
 #include "support/blocking_calls.h"
 #include "support/blocking_fixture.h"
+#include "support/launcher.h"
 #include "support/watched_thread.h"
 
 namespace oskernel_test {
@@ -134,6 +135,7 @@ TEST_F(BlockingSocketCreate, AListenerIsReadyAndTakesConnections) {
 }
 
 TEST_F(BlockingSocketCreate, TheBacklogIsFour) {
+  SKIP_WHERE_EMULATED("getsockopt(TCP_INFO)");
   Socket listener(Socket::TCP_SERVER, 0, true, kLoopback);
   tcp_info info = {};
   socklen_t length = sizeof info;

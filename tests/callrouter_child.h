@@ -23,6 +23,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/launcher.h"
+
 namespace callrouter_test {
 
 // The sanitizers slow everything down, and their own memory says nothing about ours.
@@ -134,7 +136,8 @@ class Child {
   /// a session whose terminal is its standard input.
   Child(std::vector<std::string> arguments, int in, int out, int err, bool terminal = false,
         const char* program = CALLROUTER_PROGRAM) {
-    arguments.insert(arguments.begin(), program);
+    std::vector<std::string> command = oskernel_test::launched(program);
+    arguments.insert(arguments.begin(), command.begin(), command.end());
     std::vector<char*> argv;
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);

@@ -236,7 +236,9 @@ TEST(CallrouterConsolePipe, EndOfCommandsEndsIt) {
 }
 
 TEST(CallrouterConsolePipe, LineThatIsTooLongIsPassedOver) {
-  const Outcome run = run_program({"--console"}, std::string(5000, 'x') + "\nroute 44\n");
+  std::string input(5000, 'x');
+  input += "\nroute 44\n";
+  const Outcome run = run_program({"--console"}, input);
   EXPECT_EQ(run.exit_code, 0);
   EXPECT_THAT(run.out, HasSubstr("A line holds at most 255 characters.\n> route 44\n+44 "));
 }

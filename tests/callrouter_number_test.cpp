@@ -96,7 +96,9 @@ INSTANTIATE_TEST_SUITE_P(Table, NumberSpelling, ::testing::ValuesIn(kRows));
 
 TEST(CallNumber, CountsColumnsAndDigitsOfAnyLength) {
   EXPECT_EQ(describe(parse_number(std::string(70000, '1'))), "65535 digits, the most is 15");
-  EXPECT_EQ(describe(parse_number(std::string(70000, ' ') + "x")), "unexpected 'x' at column 65535");
+  std::string far_off(70000, ' ');
+  far_off += 'x';
+  EXPECT_EQ(describe(parse_number(far_off)), "unexpected 'x' at column 65535");
 }
 
 TEST(CallNumber, PrintableTextIsOneLineThatCanBeToldApart) {

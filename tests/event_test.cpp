@@ -19,7 +19,9 @@
 #include <type_traits>
 #include <vector>
 
+#include "kernel/buffer.h"
 #include "kernel/kernel.h"
+#include "kernel/trigger.h"
 #include "support/kernel_fixture.h"
 #include "support/seed.h"
 #include "support/vtable_slot.h"
@@ -669,16 +671,41 @@ TEST(KernelSleep, ZeroReturnsAtOnce) {
   EXPECT_LT(now_ms() - start, 5000);
 }
 
-TEST(KernelHooks, DoNothing) {
-  os_schedule();
-  os_intdis();
-  os_intdis();
-  os_intenb();
-  os_init_vectors();
-  SysStrokeDog();
+using KernelHooks = KernelTest;
+
+/// The address of the function that handles each signal, as far as it can be had.
+std::vector<const void*> signal_handlers() {
+  std::vector<const void*> handlers;
+  for (int number = 1; number < NSIG; ++number) {
+    struct sigaction action {};
+    sigaction(number, nullptr, &action);
+    handlers.push_back(reinterpret_cast<const void*>(action.sa_handler));
+  }
+  return handlers;
 }
 
-TEST(KernelHooks, DisablingInterruptsExcludesNobody) {
+TEST_F(KernelHooks, DoNothing) {
+  StartQuiet();
+  while (WaitForSingleObject(os_trig_event, 0) == kTaken) {
+  }
+  const std::vector<const void*> handlers = signal_handlers();
+  const int events = KernelEvent::eventList.ListLength();
+  // Not in pairs: they count nothing either.
+  for (const OSFunction hook :
+       {os_schedule, os_intdis, os_intdis, os_intenb, os_init_vectors, SysStrokeDog}) {
+    hook();
+    EXPECT_EQ(console.text(), "");
+    EXPECT_EQ(WaitForSingleObject(os_trig_event, 0), kTimedOut) << "nobody is told to dispatch";
+    EXPECT_EQ(KernelEvent::eventList.ListLength(), events);
+    EXPECT_EQ(signal_handlers(), handlers) << "no vector is installed";
+    for (const CRITICAL_SECTION* section : {&OS_CRITICAL_LINK, &OS_CRITICAL_TASK, &OS_CRITICAL_TRIGGER,
+                                            &OS_CRITICAL_CALLBACKS, &OS_CRITICAL_BUFFERS}) {
+      EXPECT_EQ(section->owner_count, 0);
+    }
+  }
+}
+
+TEST_F(KernelHooks, DisablingInterruptsExcludesNobody) {
   os_intdis();
   std::thread([] {
     os_intdis();

@@ -241,13 +241,21 @@ TEST_F(LinkPool, ALinkThatIsFreedInAListLeavesItsRing) {
 TEST_F(LinkPool, APoolLinkMadeWhenTheBlockIsUsedUpComesFromTheHeap) {
   StartQuiet();
   // Destroying such a link gives no memory back, so it stays reachable from here.
-  static std::vector<std::unique_ptr<OSLink2>>* made = new std::vector<std::unique_ptr<OSLink2>>;
-  made->emplace_back(new OSLink2);
-  ASSERT_NE(made->back(), nullptr);
-  EXPECT_FALSE(made->back()->Validate());
-  EXPECT_EQ(made->back()->object, nullptr);
-  made->back()->Free();
+  static OSLink2* made = nullptr;
+  made = new OSLink2;
+  ASSERT_NE(made, nullptr);
+  EXPECT_FALSE(made->Validate());
+  EXPECT_EQ(made->object, nullptr);
+  made->Free();
   EXPECT_THAT(console.fatals(), ElementsAre("OSLink::Free corrupt link"));
+
+  const auto storage = reinterpret_cast<std::uintptr_t>(made);
+  delete made;
+  std::vector<std::unique_ptr<char[]>> others;
+  for (int i = 0; i < 100; ++i) {
+    others.emplace_back(new char[sizeof(OSLink2)]);
+    ASSERT_NE(reinterpret_cast<std::uintptr_t>(others.back().get()), storage) << "the heap has it back";
+  }
 }
 
 TEST_F(LinkPool, DestroyingAPoolLinkGivesNoMemoryBack) {

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "network/asocket.h"
+#include "support/launcher.h"
 #include "support/socket_watch.h"
 
 // ---- System calls that the tests answer themselves ---------------------------------------------------------------
@@ -311,6 +312,7 @@ ULONG multicast_interface(int fd) {
 constexpr ULONG kGroup = 0xEF010203;  // 239.1.2.3
 
 TEST_P(SocketConnectEitherWay, AMulticastPeerSetsTheInterfaceAndATimeToLiveOf64) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   AsyncSocket::SetPrimaryAddress(INADDR_LOOPBACK);
   RecordingLayer layer;
   OwnedSocket socket = new_socket();
@@ -330,6 +332,7 @@ TEST_P(SocketConnectEitherWay, AMulticastPeerSetsTheInterfaceAndATimeToLiveOf64)
 }
 
 TEST_F(SocketConnect, MulticastOptionsThatFailAreOnlyReported) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   OwnedSocket socket = indirect_socket();
   ASSERT_EQ(socket->Create(SOCK_DGRAM, 0, INADDR_LOOPBACK, false), 0);
   AsyncSocket::SetPrimaryAddress(0xC000024D);  // 192.0.2.77 is not ours

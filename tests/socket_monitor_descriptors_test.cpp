@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "support/launcher.h"
 #include "support/socket_pairs.h"
 #include "support/watched_thread.h"
 
@@ -58,6 +59,7 @@ class SocketManyDescriptors : public NetworkTest {
 };
 
 TEST_F(SocketManyDescriptors, StreamsAreServed) {
+  SKIP_WHERE_EMULATED("select() above 1023");
   for (const bool indirect : {true, false}) {
     SCOPED_TRACE(indirect);
     RecordingLayer layer;
@@ -75,6 +77,7 @@ TEST_F(SocketManyDescriptors, StreamsAreServed) {
 }
 
 TEST_F(SocketManyDescriptors, DatagramsAreServed) {
+  SKIP_WHERE_EMULATED("select() above 1023");
   for (const bool indirect : {true, false}) {
     SCOPED_TRACE(indirect);
     RecordingLayer layer;
@@ -90,6 +93,7 @@ TEST_F(SocketManyDescriptors, DatagramsAreServed) {
 }
 
 TEST_F(SocketManyDescriptors, ConnectingWithEarlyDataWorks) {
+  SKIP_WHERE_EMULATED("select() above 1023");
   for (const bool indirect : {true, false}) {
     SCOPED_TRACE(indirect);
     PeerListener listener;
@@ -107,6 +111,7 @@ TEST_F(SocketManyDescriptors, ConnectingWithEarlyDataWorks) {
 }
 
 TEST_F(SocketManyDescriptors, ARefusalIsReported) {
+  SKIP_WHERE_EMULATED("select() above 1023");
   RefusingPort port;
   RecordingLayer layer;
   OwnedSocket socket = indirect_socket();
@@ -118,6 +123,7 @@ TEST_F(SocketManyDescriptors, ARefusalIsReported) {
 }
 
 TEST_F(SocketManyDescriptors, ListenersAccept) {
+  SKIP_WHERE_EMULATED("select() above 1023");
   for (const bool indirect : {true, false}) {
     SCOPED_TRACE(indirect);
     OwnedSocket listener(new AsyncSocket(indirect));
@@ -138,6 +144,7 @@ TEST_F(SocketManyDescriptors, ListenersAccept) {
 }
 
 TEST_F(SocketManyDescriptors, ASenderWaitsForRoom) {
+  SKIP_WHERE_EMULATED("select() above 1023");
   for (const bool indirect : {true, false}) {
     SCOPED_TRACE(indirect);
     RecordingLayer layer;
@@ -158,6 +165,7 @@ TEST_F(SocketManyDescriptors, ASenderWaitsForRoom) {
 }
 
 TEST_F(SocketManyDescriptors, AThousandSocketsOfTheLibraryAreServedTogether) {
+  SKIP_WHERE_EMULATED("select() above 1023");
   constexpr int kCount = 1000;
   PeerUdp peer;
   RecordingLayer layer;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "network/asocket.h"
+#include "support/launcher.h"
 #include "support/multicast_site.h"
 #include "support/socket_calls.h"
 
@@ -41,6 +42,7 @@ class SocketMulticastHardware : public SocketMulticast {
 };
 
 TEST_F(SocketMulticastHardware, JoinsByTheInterfacesIndex) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   OSKERNEL_IN_NETWORK_NAMESPACE();
   const Site site;
   for (const Form& form : kForms) {
@@ -94,6 +96,7 @@ TEST_F(SocketMulticastHardware, TakesTheFirstOfSeveralInterfacesWithTheAddress) 
 }
 
 TEST_F(SocketMulticastHardware, LooksForItsOwnInterfaceAmongTheKnownNames) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   OSKERNEL_IN_NETWORK_NAMESPACE();
   const Site site;
   const OwnedSocket socket = socket_on_hardware();
@@ -105,6 +108,7 @@ TEST_F(SocketMulticastHardware, LooksForItsOwnInterfaceAmongTheKnownNames) {
 }
 
 TEST_F(SocketMulticastHardware, FindsNoInterfaceWhenTheAddressGivenHasAPort) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   // The addresses of interfaces have no port, so nothing matches and the system chooses the interface.
   OSKERNEL_IN_NETWORK_NAMESPACE();
   const Site site;
@@ -116,6 +120,7 @@ TEST_F(SocketMulticastHardware, FindsNoInterfaceWhenTheAddressGivenHasAPort) {
 }
 
 TEST_F(SocketMulticastHardware, FindsNoInterfaceForAnAddressThatNoneHas) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   OSKERNEL_IN_NETWORK_NAMESPACE();
   const Site site;
   const OwnedSocket socket = socket_on_hardware();
@@ -184,6 +189,7 @@ TEST_F(SocketMulticast, TheGroupMayBeTheSocketsOwnAddress) {
 }
 
 TEST_F(SocketMulticast, ThePublicAddressIsNotTheWayToAGroup) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   OSKERNEL_IN_NETWORK_NAMESPACE();
   const Site site;
   AsyncSocket::modulePublicIPAddress.Set(kOwnRight, 0);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "network/asocket.h"
+#include "support/launcher.h"
 #include "support/multicast_site.h"
 #include "support/socket_calls.h"
 
@@ -25,6 +26,7 @@ constexpr auto& kForms = kMulticastForms;
 // ---- What each way of use sets up --------------------------------------------------------------------------------
 
 TEST_F(SocketMulticast, SendOnlyHasTheGroupAsDestinationAndJoinsNothing) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   OSKERNEL_IN_NETWORK_NAMESPACE();
   const Site site;
   for (const Form& form : kForms) {
@@ -50,6 +52,7 @@ TEST_F(SocketMulticast, SendOnlyHasTheGroupAsDestinationAndJoinsNothing) {
 }
 
 TEST_F(SocketMulticast, SendOnlyNotesThePrimaryAddressAsItsOwn) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   OSKERNEL_IN_NETWORK_NAMESPACE();
   const Site site;
   AsyncSocket::SetPrimaryAddress(kOwnRight);
@@ -84,6 +87,7 @@ TEST_F(SocketMulticast, ReceiveOnlyIsBoundToTheGroupAndHasNoDestination) {
 }
 
 TEST_F(SocketMulticast, SendAndReceiveIsBothAtOnce) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   OSKERNEL_IN_NETWORK_NAMESPACE();
   const Site site;
   for (const Form& form : kForms) {
@@ -142,6 +146,7 @@ TEST_F(SocketMulticast, MakesOnlyAnIndirectDescriptorNonBlocking) {
 // ---- What arrives ------------------------------------------------------------------------------------------------
 
 TEST_F(SocketMulticast, WhatIsSentReachesTheOtherMachineWithATimeToLiveOf64) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   OSKERNEL_IN_NETWORK_NAMESPACE();
   const Site site;
   GroupPeer peer(site.there, kPeerLeft);
@@ -163,6 +168,7 @@ TEST_F(SocketMulticast, WhatIsSentReachesTheOtherMachineWithATimeToLiveOf64) {
 }
 
 TEST_F(SocketMulticast, ReceiversGetTheGroupsDatagramsAndNothingElse) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   OSKERNEL_IN_NETWORK_NAMESPACE();
   const Site site;
   for (const bool indirect : {true, false}) {
@@ -200,6 +206,7 @@ TEST_F(SocketMulticast, ReceiversGetTheGroupsDatagramsAndNothingElse) {
 }
 
 TEST_F(SocketMulticast, SendOnlyReceivesNothing) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   OSKERNEL_IN_NETWORK_NAMESPACE();
   const Site site;
   RecordingLayer sender_layer, witness_layer;
@@ -233,6 +240,7 @@ TEST_F(SocketMulticast, SendAndReceiveHearsItself) {
 }
 
 TEST_F(SocketMulticast, SeveralReceiversOfOneGroupAllHearIt) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   OSKERNEL_IN_NETWORK_NAMESPACE();
   const Site site;
   RecordingLayer layers[3];
@@ -251,6 +259,7 @@ TEST_F(SocketMulticast, SeveralReceiversOfOneGroupAllHearIt) {
 }
 
 TEST_F(SocketMulticast, TheRealTimeFormLeavesReadingToTheCaller) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   OSKERNEL_IN_NETWORK_NAMESPACE();
   const Site site;
   for (const bool indirect : {true, false}) {
@@ -272,6 +281,7 @@ TEST_F(SocketMulticast, TheRealTimeFormLeavesReadingToTheCaller) {
 // ---- By which interface ------------------------------------------------------------------------------------------
 
 TEST_F(SocketMulticast, JoinsOnTheInterfaceThatItIsGiven) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   OSKERNEL_IN_NETWORK_NAMESPACE();
   const Site site;
   RecordingLayer layer, left_layer;
@@ -293,6 +303,7 @@ TEST_F(SocketMulticast, JoinsOnTheInterfaceThatItIsGiven) {
 }
 
 TEST_F(SocketMulticast, TheInterfaceGivenIsForJoiningAlone) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   // What is sent goes where broadcasts go, whatever interface the group is joined on.
   OSKERNEL_IN_NETWORK_NAMESPACE();
   const Site site;
@@ -307,6 +318,7 @@ TEST_F(SocketMulticast, TheInterfaceGivenIsForJoiningAlone) {
 }
 
 TEST_F(SocketMulticast, WithoutOneItTakesThePrimaryAddressOrTheBroadcastRoutes) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   OSKERNEL_IN_NETWORK_NAMESPACE();
   const Site site;
   {
@@ -361,6 +373,7 @@ TEST_F(SocketMulticast, TellsMoreWhenItIsTraced) {
 // ---- An ordinary datagram socket ---------------------------------------------------------------------------------
 
 TEST_F(SocketMulticast, ADatagramSocketThatIsConnectedToAGroupGetsTheSendOptions) {
+  SKIP_WHERE_EMULATED("setsockopt(IP_MULTICAST_IF)");
   OSKERNEL_IN_NETWORK_NAMESPACE();
   const Site site;
   GroupPeer peer(site.there, kPeerLeft);

@@ -36,8 +36,8 @@ class Numbers {
 
   std::string next() {
     ++count_;
-    std::string number =
-        fmt::format("+{}{:08}", rows_[random_() % rows_.size()]->prefix, random_() % 100'000'000);
+    const auto row = static_cast<std::size_t>(random_() % rows_.size());
+    std::string number = fmt::format("+{}{:08}", rows_[row]->prefix, random_() % 100'000'000);
     if (number.size() > callrouter::kMaxDigits + 1) number.resize(callrouter::kMaxDigits + 1);
     // Some that have no route, and some that are no numbers.
     if (count_ % 50 == 25) number[1] = '0';

@@ -45,6 +45,8 @@
 #include <utility>
 #include <vector>
 
+#include "launcher.h"
+
 namespace oskernel_test {
 
 /// How long a helper program may take, and how long a whole test inside its namespaces; the latter ends before the
@@ -390,7 +392,7 @@ inline void run_again_inside(int timeout_ms) {
   const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
   const std::string name = std::string(test.test_suite_name()) + "." + test.name();
   std::vector<std::string> command = unshare_command();
-  command.push_back(own_program());
+  for (std::string& word : launched(own_program())) command.push_back(std::move(word));
   command.push_back("--gtest_filter=" + name);
   command.emplace_back("--gtest_also_run_disabled_tests");
   command.emplace_back("--gtest_color=no");
