@@ -44,3 +44,13 @@ else()
   # sanitizers' own symbols come with the program, so their builds cannot ask for this.)
   set(OSKERNEL_LINK_CHECK -Wl,-z,defs)
 endif()
+
+# Two builds of one source give the same bytes, wherever source and build directory lie: names of source files in what
+# is compiled begin at the top of the source, as in ./kernel/buffer.cpp. Debuggers and sanitizers started there find
+# them. Debug builds, which nobody compares, keep the whole path. Where one directory lies in the other, the option
+# that stands last has the word.
+function(oskernel_hide_directories target)
+  target_compile_options(
+    ${target} PRIVATE "$<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>"
+                      "$<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${CMAKE_BINARY_DIR}=./build>")
+endfunction()
