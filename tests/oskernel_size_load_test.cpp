@@ -400,7 +400,10 @@ void nothing(OSObj*, ADDR, ULONG) {}
 /// A task that waits for its end.
 class Idle : public OSTask {
  public:
-  Idle() : OSTask(3, 65536, nullptr, nullptr) { LeaveCriticalSection(&cs); }
+  Idle() : OSTask(3, 65536, nullptr, nullptr) {
+    _LockDelete();  // Main may return before the destructor says that it joins
+    LeaveCriticalSection(&cs);
+  }
   ~Idle() override {
     end_.open();
     _StopThread();
