@@ -445,8 +445,6 @@ class NetworkTest : public KernelTest {
     running_ = false;
     // Links come in blocks. What the layer itself keeps (its lists, its triggers) goes with Cleanup.
     AsyncSocket::Cleanup();
-    AsyncSocket::trace = 0;
-    AsyncSocket::local_ipaddr = 0;
     EXPECT_TRUE(wait_until([this] { return PoolState::now().buffers_out == pools_.buffers_out; }))
         << PoolState::now().buffers_out - pools_.buffers_out << " buffers have not come home";
     EXPECT_TRUE(wait_until([this] { return PoolState::now().callbacks == pools_.callbacks; }))
@@ -461,6 +459,9 @@ class NetworkTest : public KernelTest {
         << open_descriptors() << " descriptors are open, they were " << descriptors_;
     EXPECT_EQ(console.fatals(), expected_fatals);
     Stop();
+    // Not before: the trigger task may still be freeing a socket.
+    AsyncSocket::trace = 0;
+    AsyncSocket::local_ipaddr = 0;
     // A joined thread may be listed for a moment after it has ended.
     EXPECT_TRUE(wait_until([this] { return running_threads() <= threads_; }))
         << running_threads() << " threads are running, they were " << threads_;
