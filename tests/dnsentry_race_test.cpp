@@ -25,6 +25,7 @@ class NameCacheRaces : public NetworkTest {
   void SetUp() override {
     FakeResolver::reset();
     NetworkTest::SetUp();
+    threads_without_layer_ = running_threads();
     for (int i = 0; i < kNames; i += 2) FakeResolver::know(name(i), address(i));
     FakeResolver::know("good", ip(10, 9, 8, 7));
     AsyncSocket::Init();
@@ -35,6 +36,7 @@ class NameCacheRaces : public NetworkTest {
     EXPECT_EQ(DNSEntry::entries.Size(), 0);
     EXPECT_EQ(DNSEntry::pending.Size(), 0);
   }
+  int threads_without_layer_ = 0;
   static constexpr int kNames = 8;  ///< those with an even number are known
   static std::string name(int number) { return "host" + std::to_string(number); }
   static ULONG address(int number) { return ip(10, 0, 0, static_cast<ULONG>(number) + 1); }
@@ -160,7 +162,6 @@ TEST_F(NameCacheRaces, DirectSocketsFreeThemselvesInsideTheirFailure) {
 TEST_F(NameCacheRaces, LookUpsThatComeFirstStartTheLayerOnce) {
   for (Rounds rounds(30); rounds.next();) {
     AsyncSocket::Cleanup();
-    const int before = running_threads();
     {
       Gate gate;
       const auto look_up = [&gate](const char* asked) {
@@ -172,7 +173,8 @@ TEST_F(NameCacheRaces, LookUpsThatComeFirstStartTheLayerOnce) {
       WatchedThread three([&] { look_up("host3"); });
       gate.open();
     }
-    EXPECT_TRUE(wait_until([&] { return running_threads() == before + 2; })) << "one monitor, one resolver";
+    EXPECT_TRUE(wait_until([&] { return running_threads() == threads_without_layer_ + 2; }))
+        << "one monitor, one resolver";
   }
 }
 
