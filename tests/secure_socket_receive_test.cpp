@@ -373,6 +373,7 @@ TEST_F(SecureSocketReceive, WithoutABufferNothingIsLost) {
     EXPECT_EQ(served->RecWait(0), nullptr);
   }
   expected_fatals = console.fatals();  // the pools' own report
+  EXPECT_THAT(expected_fatals, ElementsAre("OSBuffer::Alloc Out Of Buffers 1600"));
   EXPECT_EQ(served->state, Socket::CONNECTED);
   EXPECT_EQ(taken(served->RecWait(kPatienceMs)), "kept");
 }

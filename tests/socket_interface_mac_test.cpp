@@ -270,6 +270,37 @@ TEST_F(SocketMac, ElsewhereAllInterfacesAreLookedAtHoweverManyThereAre) {
   }
 }
 
+TEST_F(SocketMac, ElsewhereTheListIsAskedForInOneKilobyteFirst) {
+  have_looked_up_before();
+  std::vector<int> areas;
+  SocketCalls calls;
+  calls.answer([&areas](const SystemCall& call, int* result) {
+    if (call.name != SystemCall::kIoctl || call.request != SIOCGIFCONF) return false;
+    auto* const area = static_cast<ifconf*>(call.argument);
+    areas.push_back(area->ifc_len);
+    area->ifc_len = 0;
+    *result = 0;
+    return true;
+  });
+  EXPECT_EQ(look_up(), (Result{false, kUntouched}));
+  // Whole entries: 32 of 32 bytes, or 25 of 40 where pointers have 64 bits.
+  constexpr std::size_t kWholeEntries = 1024 / sizeof(ifreq);
+  EXPECT_EQ(areas, std::vector<int>{static_cast<int>(kWholeEntries * sizeof(ifreq))});
+}
+
+TEST_F(SocketMac, AnAddressIsSixBytesAndNothingBehindThemIsWritten) {
+  have_looked_up_before();
+  for (const bool real : {false, true}) {
+    AsyncSocket::real_hardware = real;
+    const MadeUpSystem system({{"eth0", mac_number(1)}});
+    std::array<UBYTE, 14> room;  // what the system answers with has 14
+    room.fill(0xEE);
+    EXPECT_TRUE(AsyncSocket::LookupInterfaceMac(room.data(), false));
+    EXPECT_TRUE(std::equal(room.begin(), room.begin() + 6, mac_number(1).begin()));
+    EXPECT_EQ(std::count(room.begin() + 6, room.end(), 0xEE), 8);
+  }
+}
+
 TEST_F(SocketMac, ElsewhereRealInterfacesAreLookedAt) {
   OSKERNEL_IN_NETWORK_NAMESPACE();
   // More than a kilobyte of descriptions, and all but the last are down.

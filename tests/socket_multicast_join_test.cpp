@@ -149,6 +149,51 @@ TEST_F(SocketMulticastHardware, ReportsAGroupThatCannotBeJoined) {
   }
 }
 
+// ---- What the system is given ------------------------------------------------------------------------------------
+
+/// The bytes of an option's value as numbers.
+std::vector<int> bytes_of(const SystemCall& call) {
+  std::vector<int> bytes;
+  for (const char byte : call.value) bytes.push_back(static_cast<UBYTE>(byte));
+  return bytes;
+}
+
+// Nothing of it reaches the system, so that it is the same in an emulator.
+TEST_F(SocketMulticastHardware, EveryOptionHasItsBytesAndItsLength) {
+  const OwnedSocket socket = socket_on_hardware();
+  AsyncSocket::SetPrimaryAddress(INADDR_LOOPBACK);
+  for (const bool hardware : {false, true}) {
+    SCOPED_TRACE(hardware);
+    AsyncSocket::real_hardware = hardware;
+    SocketCalls calls;
+    calls.answer([](const SystemCall& call, int* result) {
+      *result = 0;
+      return call.name == SystemCall::kSetsockopt || call.name == SystemCall::kBind;
+    });
+    ASSERT_EQ(create(kForms[1], *socket, McSendAndReceive, INADDR_LOOPBACK), 0);
+    EXPECT_EQ(bytes_of(calls.option(IPPROTO_IP, IP_MULTICAST_IF)), (std::vector<int>{127, 0, 0, 1}));
+    EXPECT_EQ(bytes_of(calls.option(IPPROTO_IP, IP_MULTICAST_TTL)), (std::vector<int>{64}));
+    const SystemCall by_address = calls.option(IPPROTO_IP, IP_ADD_MEMBERSHIP);
+    const SystemCall by_index = calls.option(IPPROTO_IP, MCAST_JOIN_GROUP);
+    if (!hardware) {
+      EXPECT_EQ(bytes_of(by_address), (std::vector<int>{225, 2, 3, 4, 127, 0, 0, 1}));
+      EXPECT_EQ(by_index.result, -2) << "there is none";
+      continue;
+    }
+    EXPECT_EQ(by_address.result, -2) << "there is none";
+    ASSERT_EQ(by_index.value.size(), sizeof(group_req));
+    group_req request;
+    std::memcpy(&request, by_index.value.data(), sizeof request);
+    sockaddr_in group;
+    std::memcpy(&group, &request.gr_group, sizeof group);
+    EXPECT_EQ(group.sin_family, AF_INET);
+    EXPECT_EQ(group.sin_addr.s_addr, htonl(kGroup));
+    EXPECT_EQ(group.sin_port, kPort) << "in host order, which the system does not look at";
+    const std::size_t behind = offsetof(group_req, gr_group) + sizeof group;
+    EXPECT_EQ(by_index.value.substr(behind), std::string(sizeof request - behind, '\0'));
+  }
+}
+
 // ---- A socket that has been used before --------------------------------------------------------------------------
 
 TEST_F(SocketMulticast, ClosesTheDescriptorOfAnEarlierCreation) {

@@ -123,6 +123,7 @@ TEST_P(TlsData, WithoutABufferNothingIsReadAndNothingIsLost) {
     EXPECT_EQ(buf, nullptr);
   }
   expected_fatals = console.fatals();
+  EXPECT_THAT(expected_fatals, ElementsAre("OSBuffer::Alloc Out Of Buffers 1600"));
   int result = -1;
   EXPECT_EQ(read_once(link, &result), "later");
 }
