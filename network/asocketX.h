@@ -214,9 +214,10 @@ class OSKERNEL_API AsyncSocket : public OSIO {
   //
   // A socket whose `secure` is set before it is connected, or before ConnectAck, starts TLS by itself, in the role that
   // fits, with options 0 and no peer name. Until the handshake is done nothing is sent or received in the clear, what is
-  // given to send is queued, and ConnectIndication waits. A handshake that fails is DisconnectIndication(Failed, 1); a
-  // connection that ends later DisconnectIndication(Failed, code) with the SSL_get_error(3) code: 6 when the peer closed
-  // the session, 5 when the connection broke off.
+  // given to send is queued, and ConnectIndication waits. A handshake that fails is DisconnectIndication(Failed, 1), or
+  // (Failed, 0) when its first step, inside ConnectAck, fails already; a connection that ends later is
+  // DisconnectIndication(Failed, code) with the SSL_get_error(3) code: 6 when the peer closed the session, 5 when the
+  // connection broke off.
 
   /// Names the files for the socket's sessions, see SSLInfo::Initialise. Each may be null for the default. Copied.
   ///   returns   0

@@ -317,6 +317,8 @@ int AsyncSocket::waiting_bytes() {
   if (bytes != 0) return std::clamp(bytes, 0, kMostRead_bytes - kHeadroom_bytes);
   // Nothing waits: the peer has closed, unless the report of readiness was out of date, or the stream stands where an
   // urgent byte has been, which FIONREAD does not look across.
+  // Deliberate: a reset that finds nothing to read is such an end, too, and not a failure. Many peers end so, and programs
+  // count failures. Pinned by socket_receive_stream_test.cpp, AResetWithNothingWaitingIsANormalEnd.
   char byte = 0;
   const ssize_t peeked = recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
   if (peeked > 0) return kSmallRead_bytes;

@@ -3,10 +3,6 @@
 #include "kernel/buffer.h"
 #include "kernel/trigger.h"
 
-struct Terminal : OSConsole {  // where the library's diagnostics go
-  void vPrint(const char* format, va_list arguments) override { std::vfprintf(stderr, format, arguments); }
-};
-
 void answer(OSObj*, ADDR calls, ULONG answered) {  // the queue holds a call
   OSBuf* call = static_cast<OSProtectedQueue*>(calls)->FirstBufAndRemove();
   std::fwrite(call->data, 1, call->length, stdout);
@@ -15,8 +11,6 @@ void answer(OSObj*, ADDR calls, ULONG answered) {  // the queue holds a call
 }
 
 int main() {
-  Terminal terminal;
-  Console = &terminal;
   os_startup(nullptr, 0, nullptr);
   {
     OSProtectedQueue calls;

@@ -13,6 +13,4 @@ int main() {
   os_startup(nullptr, 0, &sizes);
   std::printf("%d large buffers, %d links\n", OSBuf::PoolSize(3), sizes.link_qty);
   os_cleanup();
-
-  Console = nullptr;
 }

@@ -46,6 +46,5 @@ int main() {
   AsyncSocket::Cleanup();  // 3. the threads of the networking layer
   std::printf("%d buffers missing\n", buffers - OSBuf::PoolSize(1));
   os_cleanup();  // 4. the kernel
-  Console = nullptr;
 }
 // [/stopping]

@@ -12,6 +12,7 @@
 // [terminal]
 class Terminal : public OSConsole {
  public:
+  ~Terminal() override { Console = nullptr; }  // the library must not go on using it
   void vPrint(const char* format, va_list arguments) override {
     char text[2048];
     std::vsnprintf(text, sizeof text, format, arguments);

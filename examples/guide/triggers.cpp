@@ -89,9 +89,8 @@ void show_poll() {
   const HANDLE done = CreateEvent(nullptr, false, false, nullptr);
   OSTimerTrigger timer(5, 1);  // polls are asked while a timer is armed
   timer.SetCallback(rise, nullptr, &timer, 0);
-  OSPollTrigger high(is_high, nullptr, nullptr, 3);
+  OSPollTrigger high(is_high, nullptr, nullptr, 3);  // armed from the start
   high.SetCallback(was_high, nullptr, &timer, static_cast<ULONG>(done));
-  high.Clear();  // a poll trigger is armed by hand
   timer.SetTimer(5);
   wait_and_close(done);
 }
