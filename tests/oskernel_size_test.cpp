@@ -570,16 +570,29 @@ std::string page(const std::string& name) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
+/// The long names, as --help has them.
+Texts options_of_help() {
+  const std::string help = run({"--help"}).out;
+  const std::regex option(R"(\n  (?:-h,)?(--[a-z-]+))");
+  Texts options;
+  for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at)
+    options.push_back((*at)[1]);
+  EXPECT_THAT(options, SizeIs(30));
+  return options;
+}
+
 TEST(OskernelSizePages, TheReadmeShowsWhatIsPrintedAndNamesEveryOption) {
   const std::string readme = page("examples/oskernel-size/README.md");
   std::smatch command;
   ASSERT_TRUE(std::regex_search(readme, command, std::regex(R"(\$ oskernel-size (.+)\n)")));
   EXPECT_THAT(readme, HasSubstr("```cpp\n" + run(words(command[1])).out + "```\n"));
-  const std::string help = run({"--help"}).out;
-  const std::regex option(R"(\n  (--[a-z-]+))");
-  for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at) {
-    if ((*at)[1] == "--version") continue;
-    EXPECT_THAT(readme, HasSubstr("`" + (*at)[1].str()));
+  for (const std::string& option : options_of_help()) EXPECT_THAT(readme, HasSubstr("`" + option));
+}
+
+TEST(OskernelSizePages, TheManualPageNamesEveryOption) {
+  const std::string manual = page("packaging/oskernel-size.1");
+  for (const std::string& option : options_of_help()) {
+    EXPECT_THAT(manual, HasSubstr(R"(\-\-)" + option.substr(2))) << "in its source, where - is a hyphen";
   }
 }
 
