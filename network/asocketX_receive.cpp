@@ -385,8 +385,19 @@ OSBuf* AsyncSocket::read_once(OSBuf* buf, int waiting) {
   int error = 0;
   if (waiting != kEnded) {
     alloc_buf = buf;
-    received = recvfrom(fd, buf->data, static_cast<std::size_t>(waiting), MSG_DONTWAIT, from, &from_length);
-    error = received == -1 ? errno : 0;
+    const auto read = [&] {
+      received = recvfrom(fd, buf->data, static_cast<std::size_t>(waiting), MSG_DONTWAIT, from, &from_length);
+      error = received == -1 ? errno : 0;
+    };
+    // Never behind the shutdown of Close, which goes through this section in between: a system that takes the last bytes
+    // out of a descriptor that is shut down does not say that there is room again, and a peer that waits for room would
+    // hear of the end a minute later. (The monitor thread reads inside cs, through which Close goes as well.)
+    if (indirect_socket) {
+      read();
+    } else {
+      const SectionLock lock(&local_cs);
+      if (seen(running)) read();
+    }
   }
   alloc_buf = nullptr;
   buf->length = 0;

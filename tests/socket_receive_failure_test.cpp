@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,30 @@ TEST_F(SocketReadFailure, ADroppedDatagramIsNoError) {
   ASSERT_TRUE(peer.send_to(socket->LocalPort(), "two"));
   ASSERT_TRUE(layer.wait_for_bytes(6));
   EXPECT_THAT(layer.story(), ElementsAre("datagram:one", "datagram:two"));
+}
+
+// A descriptor that is read behind its shutdown may leave the peer waiting for room, and for the end.
+TEST_F(SocketReadFailure, CloseLetsAReadOfADirectSocketFinishBeforeItShutsTheDescriptorDown) {
+  RecordingLayer layer;
+  PeerStream peer;
+  OwnedSocket socket = established_stream(&layer, &peer, false);
+  const int s = socket->s;
+  Gate reads;
+  std::atomic<bool> shut_down{false};
+  calls().recvfrom.replace([&, s](auto real, int fd, void* bytes, size_t count, int flags, sockaddr* from,
+                                  socklen_t* length) -> ssize_t {
+    if (fd != s) return real(fd, bytes, count, flags, from, length);
+    reads.open();
+    constexpr int kLookMs = 300;
+    shut_down = wait_for_events(peer.fd(), POLLRDHUP, kLookMs);
+    return real(fd, bytes, count, flags, from, length);
+  });
+  ASSERT_TRUE(peer.send_all("last words"));
+  ASSERT_TRUE(reads.wait());
+  socket->Close();
+  EXPECT_FALSE(shut_down) << "while the thread reads";
+  EXPECT_EQ(layer.data(), "last words");
+  EXPECT_TRUE(wait_for_events(peer.fd(), POLLRDHUP));
 }
 
 TEST_F(SocketReadFailure, AnInterruptedReadStopsReceptionAndNothingElse) {
