@@ -317,8 +317,8 @@ int AsyncSocket::waiting_bytes() {
   if (bytes != 0) return std::clamp(bytes, 0, kMostRead_bytes - kHeadroom_bytes);
   // Nothing waits: the peer has closed, unless the report of readiness was out of date, or the stream stands where an
   // urgent byte has been, which FIONREAD does not look across.
-  // Deliberate: a reset that finds nothing to read is such an end, too, and not a failure. Many peers end so, and programs
-  // count failures. Pinned by socket_receive_stream_test.cpp, AResetWithNothingWaitingIsANormalEnd.
+  // Deliberate: a reset that finds nothing to read is such an end, too, and not a failure. Many peers end so, and
+  // programs count failures. Pinned by socket_receive_stream_test.cpp, AResetWithNothingWaitingIsANormalEnd.
   char byte = 0;
   const ssize_t peeked = recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
   if (peeked > 0) return kSmallRead_bytes;
@@ -389,9 +389,10 @@ OSBuf* AsyncSocket::read_once(OSBuf* buf, int waiting) {
       received = recvfrom(fd, buf->data, static_cast<std::size_t>(waiting), MSG_DONTWAIT, from, &from_length);
       error = received == -1 ? errno : 0;
     };
-    // Never behind the shutdown of Close, which goes through this section in between: a system that takes the last bytes
-    // out of a descriptor that is shut down does not say that there is room again, and a peer that waits for room would
-    // hear of the end a minute later. (The monitor thread reads inside cs, through which Close goes as well.)
+    // Never behind the shutdown of Close, which goes through this section in between: when the last bytes are taken
+    // out of a descriptor that is shut down, the system does not say that there is room again, and a peer that waits
+    // for room would hear of the end a minute later. (The monitor thread reads inside cs, through which Close goes as
+    // well.)
     if (indirect_socket) {
       read();
     } else {
