@@ -63,6 +63,13 @@ class LinePeers : public NetworkTest {
 /// A `redis-server` of this test's own; commands are lines, answers are lines.
 class LinesToAServer : public LinePeers {
  protected:
+  static constexpr int kMostLines = 20;
+
+  void SetUp() override {
+    // Up to ten buffers for each line hold answers that the dispatcher has not come to; the rest is for sending.
+    cfg.buf_qty[3] += 10 * kMostLines;
+    LinePeers::SetUp();
+  }
   static RealServer server() {
     return RealServer([](const std::string& port) {
       return std::vector<std::string>{"redis-server", "--port", port,     "--save",   "",
@@ -133,7 +140,7 @@ TEST_F(LinesToAServer, ComeBackInOrderHoweverManyThereAre) {
 
 TEST_F(LinesToAServer, OfManyConnectionsDoNotMix) {
   RealServer redis = server();
-  constexpr int kLines = 20, kEach = 100;
+  constexpr int kLines = kMostLines, kEach = 100;
   std::vector<ProbeLine*> lines;
   for (int i = 0; i < kLines; ++i) {
     lines.push_back(&make_line(80));
