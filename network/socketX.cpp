@@ -274,10 +274,9 @@ int Socket::connect_within_limit() {
   set_nonblocking(s, 1);
   static_cast<void>(connect(s, plain(&remote_sin), sizeof remote_sin));  // the second call tells the outcome
   const ULONG start = os_clock();
-  Readiness ready{};
-  do {
+  Readiness ready = wait_ready(s, POLLIN | POLLOUT | POLLPRI, kConnectLimit_ms);
+  while (ready.count == -1 && errno == EINTR)
     ready = wait_ready(s, POLLIN | POLLOUT | POLLPRI, time_left(start, kConnectLimit_ms));
-  } while (ready.count == -1 && errno == EINTR);
   int error = ETIMEDOUT;
   if (ready.count > 0) error = connect(s, plain(&remote_sin), sizeof remote_sin) == 0 ? 0 : errno;
   set_nonblocking(s, 0);

@@ -1,10 +1,14 @@
-// How long a blocking socket drains what its peer still sends, on a clock that the test drives.
+// How long a blocking socket waits for its connection and drains what its peer still sends, on a clock that the test
+// drives.
 
+#include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "support/blocking_calls.h"
 #include "support/blocking_fixture.h"
 #include "support/fake_clock.h"
+#include "support/interposed_calls.h"
 
 namespace oskernel_test {
 namespace {
@@ -16,15 +20,37 @@ using ::testing::Le;
 
 const bool kFakeClock = FakeClock::use();
 
-class BlockingSocketCloseClock : public BlockingTest {
+class BlockingSocketClock : public BlockingTest {
  protected:
   void TearDown() override {
+    calls().restore_all();
     FakeClock::set(1000);
     BlockingTest::TearDown();
   }
 };
 
-TEST_F(BlockingSocketCloseClock, APeerThatSendsForEverIsGivenUpAfterFiveSeconds) {
+TEST_F(BlockingSocketClock, AnInterruptedWaitForAConnectionGoesOnForWhatIsLeft) {
+  for (const ULONG start : {ULONG{1000}, ULONG{0xFFFFFF00}}) {
+    SCOPED_TRACE(start);
+    FakeClock::set(start);
+    PeerListener listener;
+    std::vector<int> waits_ms;
+    calls().poll.replace([&waits_ms](auto, pollfd*, nfds_t, int timeout_ms) -> int {
+      waits_ms.push_back(timeout_ms);
+      FakeClock::advance(900);
+      if (timeout_ms == 0) return 0;
+      errno = EINTR;
+      return -1;
+    });
+    char host[] = "127.0.0.1";
+    const Socket socket(Socket::TCP_CLIENT, host, listener.port());
+    calls().restore_all();
+    EXPECT_THAT(waits_ms, ElementsAre(2000, 1100, 200, 0));
+    EXPECT_EQ(socket.s, -1);
+  }
+}
+
+TEST_F(BlockingSocketClock, APeerThatSendsForEverIsGivenUpAfterFiveSeconds) {
   for (const ULONG start : {ULONG{1000}, ULONG{0xFFFFF000}}) {
     SCOPED_TRACE(start);
     FakeClock::set(start);
@@ -43,7 +69,7 @@ TEST_F(BlockingSocketCloseClock, APeerThatSendsForEverIsGivenUpAfterFiveSeconds)
   }
 }
 
-TEST_F(BlockingSocketCloseClock, AnErrorThatDoesNotPassIsGivenUpAfterFiveSeconds) {
+TEST_F(BlockingSocketClock, AnErrorThatDoesNotPassIsGivenUpAfterFiveSeconds) {
   FakeClock::set(1000);
   Wrapped<> wrapped;
   wrapped.peer.close();
@@ -57,7 +83,7 @@ TEST_F(BlockingSocketCloseClock, AnErrorThatDoesNotPassIsGivenUpAfterFiveSeconds
   EXPECT_THAT(reads.count(), AllOf(Ge(49), Le(52)));
 }
 
-TEST_F(BlockingSocketCloseClock, ADrainThatFindsTheEndInTimeGoesOnTillThen) {
+TEST_F(BlockingSocketClock, ADrainThatFindsTheEndInTimeGoesOnTillThen) {
   FakeClock::set(1000);
   Wrapped<> wrapped;
   wrapped.peer.close();
@@ -69,7 +95,7 @@ TEST_F(BlockingSocketCloseClock, ADrainThatFindsTheEndInTimeGoesOnTillThen) {
   EXPECT_EQ(reads.count(), 5);
 }
 
-TEST_F(BlockingSocketCloseClock, APeerThatIsSilentForWhatIsLeftIsGivenUp) {
+TEST_F(BlockingSocketClock, APeerThatIsSilentForWhatIsLeftIsGivenUp) {
   FakeClock::set(1000);
   Wrapped<> wrapped;
   wrapped.peer.close();
