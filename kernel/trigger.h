@@ -278,7 +278,8 @@ class OSKERNEL_API OSTriggerTLS {
   int owners_;  ///< the thread and every trigger constructed with it; under OS_CRITICAL_TRIGGER
 };
 
-/// The task that tests timers and poll triggers and runs what is ready on the global list.
+/// The task that tests timers and poll triggers and runs what is ready on the global list. A pass goes on for as long
+/// as something is ready; once it is to end, with what is ready by then.
 class OSKERNEL_API OSTriggerTask : public OSTask {
  public:
   OSTriggerTask();            ///< starts the thread: priority 5, KERNELCFG->trigger_stack bytes of stack

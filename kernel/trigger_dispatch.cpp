@@ -228,9 +228,14 @@ void OSTriggerDispatch::check_polls_locked() {
   }
 }
 
-void OSTriggerDispatch::run_ready(SectionLock* lock, OSLinkList* list, bool timed) {
+void OSTriggerDispatch::run_ready(SectionLock* lock, OSLinkList* list, bool timed, bool* ending) {
   Walk walk(list);
+  int left = -1;
   while (OSTrigger* const trigger = walk.next()) {
+    if (ending != nullptr && told(*ending)) {
+      if (left < 0) left = list->Size();
+      if (left-- == 0) return;
+    }
     const OSCallbackFunction callback = trigger->callback;
     const ULONG start = timed ? os_clock() : 0;
     Act act;
@@ -257,12 +262,14 @@ int OSTriggerDispatch::next_delay_ms_locked() {
   return OS_POLL_LIST.First() == nullptr ? delay_ms : std::min(delay_ms, kPollSlice_ms);
 }
 
-void os_check_triggers() {
+void OSTriggerDispatch::pass(bool* ending) {
   SectionLock lock(&OS_CRITICAL_TRIGGER);
-  OSTriggerDispatch::check_timers_locked();
-  OSTriggerDispatch::check_polls_locked();
-  OSTriggerDispatch::run_ready(&lock, &OS_READY_LIST, false);
+  check_timers_locked();
+  check_polls_locked();
+  run_ready(&lock, &OS_READY_LIST, false, ending);
 }
+
+void os_check_triggers() { OSTriggerDispatch::pass(nullptr); }
 
 void os_notify_now() {
   while (OSLink* const first = OS_NOTIFY_LIST.First()) {
@@ -297,7 +304,7 @@ OSTriggerTask::~OSTriggerTask() {
 
 void OSTriggerTask::Main() {
   while (!told(done)) {
-    os_check_triggers();
+    OSTriggerDispatch::pass(&done);
     int delay_ms = 0;
     bool polls = false;
     {
@@ -395,7 +402,7 @@ void OSTriggerTLS::release_locked() {
 void OSTriggerTLS::Poll() {
   SectionLock lock(&OS_CRITICAL_TRIGGER);
   ++owners_;  // a callback may give the list up
-  OSTriggerDispatch::run_ready(&lock, &OS_READY_LIST, true);
+  OSTriggerDispatch::run_ready(&lock, &OS_READY_LIST, true, nullptr);
   release_locked();
 }
 

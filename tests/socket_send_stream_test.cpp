@@ -331,10 +331,17 @@ TEST_P(SocketSend, ASocketThatIsClosedMeanwhileLetsItsSenderGo) {
   PeerStream peer;
   OwnedSocket socket = deaf(&layer, &peer);
   const std::string piece = numbered_bytes(60000);
+  // Between two sends, what comes next would wait for the next connection.
+  Gate waits_for_room;
+  answer_waits(socket->s, [&waits_for_room] {
+    waits_for_room.open();
+    return 0;
+  });
   std::atomic<OSIORetCode> answer{Success};
   WatchedThread sender([&] {
     while (answer == Success) answer = socket->DataIndication(buffer_of(piece));
   });
+  ASSERT_TRUE(waits_for_room.wait());
   ASSERT_TRUE(sender.blocked());
   socket->Close();
   EXPECT_TRUE(sender.finished_within(kPatienceMs));

@@ -49,8 +49,8 @@ __attribute__((visibility("default"))) int clock_nanosleep(clockid_t clock, int 
   if (noted_sleeps == nullptr || !is_library(__builtin_return_address(0)))
     return real(clock, flags, until, left);
   const timespec now = (flags & TIMER_ABSTIME) != 0 ? looked_at_clock : timespec{};
-  noted_sleeps->push_back((until->tv_sec - now.tv_sec) * 1000 +
-                          (until->tv_nsec - now.tv_nsec + 500000) / 1000000);
+  const long long ns = (until->tv_sec - now.tv_sec) * 1000000000LL + until->tv_nsec - now.tv_nsec;
+  noted_sleeps->push_back(static_cast<long>(ns / 1000000));
   if (at_sleep != nullptr) (*at_sleep)();
   return 0;
 }

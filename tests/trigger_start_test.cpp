@@ -357,6 +357,32 @@ TEST_F(StartAndStop, StopWaitsForTheCallbackThatRuns) {
   EXPECT_TRUE(ended);
 }
 
+TEST_F(StartAndStop, StopWaitsForWhatIsReadyOnceHoweverOftenItBecomesReadyAgain) {
+  Start();
+  Gate begun;
+  HandTrigger endless, behind;
+  endless.condition = true;
+  int turns = 0;
+  Script again = [&] {
+    if (++turns == 1) {
+      bool& stopping = OS_TRIG_TASK->done;
+      begun.open();
+      EXPECT_TRUE(wait_until([&] { return std::atomic_ref<bool>(stopping).load(); }, kPatienceMs));
+    }
+    if (turns < 1000) endless.Clear();  // its condition holds: ready at once
+  };
+  set_script(endless, again);
+  std::atomic<int> calls{0};
+  behind.SetCallback(count_call, as_obj(&calls), nullptr, 0);
+  endless.ArmAndFire();
+  ASSERT_TRUE(begun.wait());
+  behind.ArmAndFire();
+  Stop();
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(turns, 2);
+  endless.Cancel();
+}
+
 TEST_F(StartAndStop, AReadyTriggerMayOutliveTheKernelAndFireInTheNextOne) {
   StartQuiet();
   std::atomic<int> calls{0};
