@@ -279,7 +279,7 @@ class OSKERNEL_API OSTriggerTLS {
 };
 
 /// The task that tests timers and poll triggers and runs what is ready on the global list. A pass goes on for as long
-/// as something is ready; once it is to end, with what is ready by then.
+/// as something is ready; once the task is to end, it runs only as many triggers as are ready by then.
 class OSKERNEL_API OSTriggerTask : public OSTask {
  public:
   OSTriggerTask();            ///< starts the thread: priority 5, KERNELCFG->trigger_stack bytes of stack

@@ -109,8 +109,8 @@ class OSTriggerDispatch {
   static void check_polls_locked();
   /// Actions what is ready on the list, and what becomes ready meanwhile; leaves the section around every action.
   ///   timed    reports each that took longer than a thread's own list may wait
-  ///   ending   null, or told when the dispatcher is to end: then as many more as are ready by that time, since
-  ///            triggers that become ready as fast as they are run would keep it from its end for ever
+  ///   ending   null, or becomes true when the dispatcher is to end, which then actions as many more as are ready by
+  ///            that time: triggers that become ready as fast as they are run would keep it from its end for ever
   static void run_ready(SectionLock* lock, OSLinkList* list, bool timed, bool* ending);
   /// One dispatch pass over the global lists; `ending` as above.
   static void pass(bool* ending);
